@@ -1,0 +1,14 @@
+// The umbrella header: every public header of the library.
+#ifndef MVDA_MVDA_H_
+#define MVDA_MVDA_H_
+
+#include <mvda/containers/data_matrix.h>
+#include <mvda/containers/data_vector.h>
+#include <mvda/containers/integral_vector.h>
+#include <mvda/platform/byte_io.h>
+#include <mvda/platform/error.h>
+#include <mvda/platform/language_string.h>
+#include <mvda/platform/progress.h>
+#include <mvda/spc/control_chart.h>
+
+#endif  // MVDA_MVDA_H_

@@ -5,6 +5,7 @@
 
 #include <mvda/mvda_export.h>
 
+#include <memory>
 #include <vector>
 
 #include <boost/shared_array.hpp>
@@ -14,8 +15,18 @@
 // keeps no missing count and its statistics do not skip the code: a list of group codes sums
 // like any list of integers.
 //
-// Copies share one array; every mutator gives this vector its own array first. Indices are not
-// checked; sizes and counts are (a negative one throws NCError).
+// Copies share one array; every mutator gives this vector its own array first. Element indices
+// are not checked. Sizes and counts are: a negative one, or one that would take the vector past
+// INT_MAX elements, throws NCError. Range members (InsertValues, RemoveValues, SetRange, Find)
+// clip their range to the vector, and position lists (Remove, Reduce) are checked, because a
+// wrong range would otherwise write far outside the array.
+//
+// The array is never null: an empty vector shares one process-wide placeholder cell, so begin()
+// and GetPtr() are always valid pointers. Capacity grows by doubling (at least 4 elements) when
+// elements are appended or inserted; shrinking keeps the capacity, Clear() releases it.
+//
+// Thread-safety: copies of one vector may be read, copied and destroyed from several threads;
+// one vector object is never written by two threads at once.
 template <class T, T Missing>
 class MVDA_EXPORT NCIntegralVector {
  public:
@@ -27,23 +38,23 @@ class MVDA_EXPORT NCIntegralVector {
 
   NCIntegralVector();
   NCIntegralVector(int n, T value);
-  NCIntegralVector(const T* p, int n);  // p[0..n-1]
+  NCIntegralVector(const T* p, int n);              // p[0..n-1]
   NCIntegralVector(const NCIntegralVector& other);  // shares the array
   NCIntegralVector& operator=(const NCIntegralVector& other);
   virtual ~NCIntegralVector();
-  void CopyContent(const NCIntegralVector& other);
-  void Clear();
+  void CopyContent(const NCIntegralVector& other);  // a private copy of other's elements
+  void Clear();                                     // size 0, releases the array
   void clear() { Clear(); }
-  void ForceUnlink();
+  void ForceUnlink();  // gives this vector its own array if another vector shares it
 
   int Size() const { return size_; }
   int size() const { return size_; }
   bool empty() const { return size_ == 0; }
   void SetSize(int n);  // keeps the first elements; new ones are the missing code
   void resize(int n, T value);
-  void Reserve(int n);
+  void Reserve(int n);  // only grows; keeps the elements
   void reserve(int n) { Reserve(n); }
-  void SetNumValues(int n, T value);
+  void SetNumValues(int n, T value);  // a new array of n elements, all equal to value
 
   T operator[](int i) const { return data_[i]; }
   T& operator()(int i);  // unlinks
@@ -56,27 +67,39 @@ class MVDA_EXPORT NCIntegralVector {
   // `at` points into this vector's array (from begin()..end()); the element goes before it.
   void insert(const T* at, T value);
   void erase(const T* first, const T* last);  // [first, last)
+  // Inserts before position `at`; at = Size()+1 (or beyond) appends, at < 1 prepends.
   void InsertValues(int at, int count, T value);
   void InsertValues(int at, const NCIntegralVector& values);
-  void RemoveValues(int at, int count);
-  void Remove(const NCIntegralVector<int, -99>& positions);  // 1-based positions, any order
-  void Reduce(const NCIntegralVector<int, -99>& positions);  // keep the listed positions
-  void Concat(const NCIntegralVector& other);
+  void RemoveValues(int at, int count);  // the part of at..at+count-1 that lies in 1..Size()
+  // Removes the listed 1-based positions, given in any order, repeats allowed. A position
+  // outside 1..Size() throws NCError and leaves the vector unchanged.
+  void Remove(const NCIntegralVector<int, -99>& positions);
+  // Keeps the listed positions in the order listed (a repeated position is kept twice), so a
+  // sorted list keeps the original order and any other list also rearranges. A position outside
+  // 1..Size() throws NCError and leaves the vector unchanged.
+  void Reduce(const NCIntegralVector<int, -99>& positions);
+  void Concat(const NCIntegralVector& other);  // appends other's elements
   void SetAllValues(T value);
-  void SetRange(int from, int to, T value);
-  NCIntegralVector& operator+=(T value);
+  void SetRange(int from, int to, T value);  // the part of from..to that lies in 1..Size()
+  NCIntegralVector& operator+=(T value);     // adds value to every element
 
+  // Element k becomes start + (k - 1) * step; an empty vector stays empty.
   void GenerateIndex(int start, int step);
+  // A uniformly random permutation (Fisher-Yates) drawn from the C library's rand(), so srand
+  // makes it repeatable.
   void Scramble();
-  // Sorts ascending or descending; with `unique`, equal neighbours are dropped afterwards.
+  // Sorts ascending or descending; with `unique`, equal neighbours are dropped afterwards, which
+  // leaves each distinct value once.
   void Sort(bool ascending = true, bool unique = false);
+  // Sorts like Sort (equal elements keep their order) and sets positions to Size() entries:
+  // positions[k - 1] is the original position of the element that is now at k.
   void SortWithOriginalIndex(bool ascending, std::vector<int>& positions);
   bool IsSorted(bool ascending = true) const;
   // Bisection over a vector sorted ascending: the first position whose element is not less than
   // value (upper = false) or greater than value (upper = true); Size()+1 when there is none.
   int LowerBound(T value, bool upper = false) const;
   // The first position in from..to holding value, or 0 when there is none. from = 0 and to = 0
-  // search the whole vector.
+  // search the whole vector. kAscending and kDescending bisect and need the range sorted so.
   int Find(T value, SortType sorted = kUnsorted, int from = 0, int to = 0) const;
 
   bool operator==(const NCIntegralVector& v) const;
@@ -86,20 +109,26 @@ class MVDA_EXPORT NCIntegralVector {
   bool operator>(const NCIntegralVector& v) const { return v < *this; }
   bool operator>=(const NCIntegralVector& v) const { return !(*this < v); }
 
-  long GetSum() const;  // all elements, the missing code included
-  double GetMean() const;  // -99 for an empty vector
-  double GetVariance() const;
-  double GetStdDev() const;
+  // All elements, the missing code included. Summed in 64 bits, so an int vector cannot
+  // overflow; an unsigned long vector wraps modulo 2^64 like its elements.
+  long GetSum() const;
+  double GetMean() const;      // -99 for an empty vector
+  double GetVariance() const;  // divisor n - 1; -99 when empty, 0 for one element
+  double GetStdDev() const;    // -99 for fewer than two elements, as for NCDataVector
 
  private:
-  // Gives `array` a private copy of its first `size`+1 cells when another vector shares it.
-  static void UnLinkVecPointer(boost::shared_array<T>& array, int size);
-  void Unlink() { UnLinkVecPointer(data_, size_); }
-  void Grow(int requested);
+  // Gives `array` a private copy of its first `size`+1 cells when another vector shares it;
+  // true when it copied (the new array then holds exactly size elements).
+  static bool UnLinkVecPointer(boost::shared_array<T>& array, int size);
+  void Unlink() {
+    if (UnLinkVecPointer(data_, size_)) capacity_ = size_;
+  }
+  void Grow(int requested);  // capacity for `requested` elements; call after Unlink
+  void CheckGrowth(const char* where, int count) const;
 
   int size_ = 0;
   int capacity_ = 0;
-  boost::shared_array<T> data_;  // size_ + 1 cells at least; cell 0 unused
+  boost::shared_array<T> data_;  // capacity_ + 1 cells; cell 0 unused
 };
 
 extern template class NCIntegralVector<int, -99>;
@@ -116,39 +145,47 @@ class MVDA_EXPORT BoolVector : public NCIntegralVector<bool, false> {
   ~BoolVector() override;
 };
 
-// A process-wide supply of integer cells, safe from any thread.
+// A process-wide supply of integer cells, safe from any thread. Cells come from blocks of 1024
+// that are never returned to the system, so a cell stays valid until the process ends even if
+// it is released during static destruction.
 class MVDA_EXPORT IntPool {
  public:
-  static int* GetInt();
-  static void ReleaseInt(int* cell);
+  static int* GetInt();               // a cell holding 0, held by no one else
+  static void ReleaseInt(int* cell);  // a cell from GetInt, once; null is ignored
 };
 
 template <class T>
 class NDimensionalMatrix;
 
-// An integer array addressed by a vector of indices, one per dimension (0-based, each below its
-// extent). Stored as a tree of levels so that sparse use of a large index space stays small: a
-// level is created when first written. Unwritten cells read as `fill`.
+// An integer array addressed by a vector of subscripts, one per dimension (0-based, each below
+// its extent, so group codes 0..G-1 address it directly). Stored as a tree of levels, one per
+// dimension, whose last level holds the integers; a level is created when first written, so
+// sparse use of a large index space stays small. Unwritten cells read as `fill`.
 template <>
 class MVDA_EXPORT NDimensionalMatrix<int> {
  public:
-  // `fill` is the value of cells never written; `reserved` is unused and kept for hosts that
-  // pass a hint.
+  // extents: at least one, each at least 1 (else NCError). `fill` is the value of cells never
+  // written; `reserved` is unused and kept for hosts that pass a size hint.
   explicit NDimensionalMatrix(const std::vector<int>& extents, int fill = 0, int reserved = 0);
-  NDimensionalMatrix(const NDimensionalMatrix& other);
+  NDimensionalMatrix(const NDimensionalMatrix& other);  // deep copy
   NDimensionalMatrix& operator=(const NDimensionalMatrix& other);
   ~NDimensionalMatrix();
 
-  // `dims` is how many leading entries of index to use (0: all of them, which must equal the
-  // number of extents).
-  int Get(const std::vector<int>& index, int dims = 0) const;
-  void Set(const std::vector<int>& index, int value, int dims = 0);
+  int Dimensions() const { return static_cast<int>(extents_.size()); }
+
+  // The subscripts are index[first], ..., index[first + Dimensions() - 1], so a caller can
+  // address the matrix with a slice of a longer record. A subscript outside its extent, or an
+  // index too short, throws NCError.
+  int Get(const std::vector<int>& index, int first = 0) const;
+  void Set(const std::vector<int>& index, int value, int first = 0);
 
  private:
   struct Level;
+  void CheckIndex(const char* where, const std::vector<int>& index, int first) const;
+
   std::vector<int> extents_;
   int fill_;
-  Level* root_;
+  std::unique_ptr<Level> root_;
 };
 
 #endif  // MVDA_CONTAINERS_INTEGRAL_VECTOR_H_

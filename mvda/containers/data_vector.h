@@ -54,7 +54,8 @@ class MVDA_EXPORT NCDataVector {
   // --- Size
   int Size() const { return size_; }
   int size() const { return size_; }
-  void SetSize(int n);  // all elements become missing
+  int Capacity() const { return capacity_; }  // elements allocated
+  void SetSize(int n);                        // all elements become missing
   void Resize(int n, T fill);
   void resize(int n, T fill) { Resize(n, fill); }
   void Reserve(int n);  // only grows; keeps the elements
@@ -62,11 +63,12 @@ class MVDA_EXPORT NCDataVector {
 
   // --- Access
   T operator[](int i) const { return data_[i]; }
-  T operator()(int i, T value);                 // write; keeps the missing count
-  int SetAndReturn_dMisVal(int i, T value);     // +1 became missing, -1 became present, else 0
+  T operator()(int i, T value);              // write; keeps the missing count
+  int SetAndReturn_dMisVal(int i, T value);  // +1 became missing, -1 became present, else 0
   T back() const { return data_[size_]; }
-  const T* begin() const { return data_ + 1; }
-  const T* end() const { return data_ + 1 + size_; }
+  // Null for a vector without a buffer (size 0), so that empty ranges never offset a null pointer.
+  const T* begin() const { return data_ ? data_ + 1 : nullptr; }
+  const T* end() const { return data_ ? data_ + 1 + size_ : nullptr; }
   // The 1-based buffer: element i is GetVector()[i]. Writing through it requires Unlink()
   // first and SetNumMisVal afterwards.
   T* GetVector() { return data_; }
@@ -109,7 +111,7 @@ class MVDA_EXPORT NCDataVector {
   NCDataVector operator*(T value) const;
   void VectorDivide(T value);
   NCDataVector DotMultiplication(const NCDataVector& v) const;
-  NCDataVector DotDivide(const NCDataVector& v) const;  // x/0 is missing
+  NCDataVector DotDivide(const NCDataVector& v) const;      // x/0 is missing
   void TransformTo_Add_d_x_Vt(T d, const NCDataVector& v);  // this += d*v where both present
   void TransformTo_Sub_d_x_Vt(T d, const NCDataVector& v);  // this -= d*v where both present
 
@@ -152,11 +154,14 @@ class MVDA_EXPORT NCDataVector {
 
   // --- Transforms
   NCDataVector SNV() const;
-  bool DetrendMean(T& mean);
+  bool DetrendMean(T& mean);  // false when nothing is present
+  // Subtracts the least-squares line of the present elements on their positions 1..n; false
+  // below two present elements.
   bool DetrendLinear(T& slope, T& intercept);
   bool InterpolateMisVals(const NCDataVector* x = nullptr);
-  // Sorts ascending (or descending) into *target, or in place when target is null; missing
-  // elements go last. Returns the source position of every sorted element.
+  // Sorts ascending (or descending) into *target, or in place when target is null. Equal values
+  // keep their order; NaN follows the numbers and missing elements go last, in either direction.
+  // Returns the source position of every sorted element.
   IndexVector Sort(NCDataVector* target, bool ascending = true);
 
   // --- Buffer
@@ -168,12 +173,22 @@ class MVDA_EXPORT NCDataVector {
   static void DeleteVec(T* p, int offset);
 
  private:
+  bool IsShared() const;
+  void ShareFrom(const NCDataVector& other);  // the copy constructor's work
+  // Drops this vector's hold on its buffer (freeing it when this was the last holder); size and
+  // missing count are left for the caller.
   void Release() noexcept;
-  void Grow(int requested);  // capacity by the growth rule, contents kept
+  // Gives this vector a private buffer of `capacity` elements that starts with src[0..keep-1];
+  // src may point into the old buffer.
+  void Replace(int capacity, const T* src, int keep);
+  // Capacity by the growth rule, contents kept; afterwards the buffer is private.
+  void Grow(int requested);
+  // Deep copy of src[0..n-1]; `missing` is its missing count, or -1 to count it here.
+  void Assign(const T* src, int n, int missing);
 
-  int offset_ = 0;      // bytes from the raw allocation to data_
-  int size_ = 0;        // n
-  T* data_ = nullptr;   // one before element 1
+  int offset_ = 0;     // bytes from the raw allocation to data_
+  int size_ = 0;       // n
+  T* data_ = nullptr;  // one before element 1
   mvda::detail::SharedBlock* shared_ = nullptr;
   int missing_ = 0;
   int capacity_ = 0;

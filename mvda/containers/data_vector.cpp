@@ -421,17 +421,9 @@ void NCDataVector<T>::SetRange(int at, const T* p, int n) {
 template <class T>
 void NCDataVector<T>::InsertValues(int at, int count, T value) {
   CheckNotNegative("InsertValues", "count", count);
-  if (count > INT_MAX - size_)
-    Fail("InsertValues", "size " + std::to_string(size_) + " + " + std::to_string(count) +
-                             " exceeds the largest size");
   if (count == 0) return;
-  // A position past the end appends; one before the start inserts at the front.
-  at = std::clamp(at, 1, size_ + 1);
-  Grow(size_ + count);
-  std::memmove(data_ + at + count, data_ + at,
-               static_cast<std::size_t>(size_ - at + 1) * sizeof(T));
+  at = OpenGap(at, count);
   std::fill_n(data_ + at, count, value);
-  size_ += count;
   if (IsMissing(value)) missing_ += count;
 }
 
@@ -441,17 +433,24 @@ void NCDataVector<T>::InsertValues(int at, const NCDataVector& src) {
   // is this vector.
   const NCDataVector source(src);
   const int count = source.size_;
+  if (count == 0) return;
+  at = OpenGap(at, count);
+  std::memcpy(data_ + at, source.data_ + 1, static_cast<std::size_t>(count) * sizeof(T));
+  missing_ += source.missing_;
+}
+
+template <class T>
+int NCDataVector<T>::OpenGap(int at, int count) {
   if (count > INT_MAX - size_)
     Fail("InsertValues", "size " + std::to_string(size_) + " + " + std::to_string(count) +
                              " exceeds the largest size");
-  if (count == 0) return;
+  // A position past the end appends; one before the start inserts at the front.
   at = std::clamp(at, 1, size_ + 1);
   Grow(size_ + count);
   std::memmove(data_ + at + count, data_ + at,
                static_cast<std::size_t>(size_ - at + 1) * sizeof(T));
-  std::memcpy(data_ + at, source.data_ + 1, static_cast<std::size_t>(count) * sizeof(T));
   size_ += count;
-  missing_ += source.missing_;
+  return at;
 }
 
 template <class T>

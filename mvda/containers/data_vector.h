@@ -12,6 +12,8 @@ struct SharedBlock;
 
 template <class T>
 class NCDataMatrix;
+template <class T>
+class NCVecOpResultProxy;
 
 namespace mvda {
 // The missing-value marker of float and double containers: an element is missing exactly when
@@ -183,6 +185,9 @@ class MVDA_EXPORT NCDataVector {
   void Replace(int capacity, const T* src, int keep);
   // Capacity by the growth rule, contents kept; afterwards the buffer is private.
   void Grow(int requested);
+  // Makes room for `count` elements before position `at` (clamped to 1..n+1), grows the size and
+  // returns the clamped position; the caller fills the gap and its missing count.
+  int OpenGap(int at, int count);
   // Deep copy of src[0..n-1]; `missing` is its missing count, or -1 to count it here.
   void Assign(const T* src, int n, int missing);
 
@@ -192,6 +197,14 @@ class MVDA_EXPORT NCDataVector {
   mvda::detail::SharedBlock* shared_ = nullptr;
   int missing_ = 0;
   int capacity_ = 0;
+
+  // ============================================================================================
+  // Algebra and statistics (with matrices; data_matrix_algebra.cpp, needs data_matrix.h)
+ public:
+  // This vector (SizeRows() elements) as a row times m: v'm, as m.PreMultiply(v).
+  NCDataVector operator*(const NCDataMatrix<T>& m) const;
+  // v.Result(&out) * m writes v'm into out, reusing its buffer; NCError when target is null.
+  NCVecOpResultProxy<T> Result(NCDataVector* target) const;
 };
 
 extern template class NCDataVector<float>;

@@ -230,13 +230,8 @@ template <class T, T Missing>
 void NCIntegralVector<T, Missing>::InsertValues(int at, int count, T value) {
   CheckGrowth("InsertValues", count);
   if (count == 0) return;
-  at = std::clamp(at, 1, size_ + 1);
-  Unlink();
-  Grow(size_ + count);
-  T* x = data_.get();
-  std::copy_backward(x + at, x + 1 + size_, x + 1 + size_ + count);
-  std::fill(x + at, x + at + count, value);
-  size_ += count;
+  at = OpenGap(at, count);
+  std::fill(data_.get() + at, data_.get() + at + count, value);
 }
 
 template <class T, T Missing>
@@ -245,13 +240,19 @@ void NCIntegralVector<T, Missing>::InsertValues(int at, const NCIntegralVector& 
   const int count = source.size_;
   CheckGrowth("InsertValues", count);
   if (count == 0) return;
+  at = OpenGap(at, count);
+  std::copy(source.begin(), source.end(), data_.get() + at);
+}
+
+template <class T, T Missing>
+int NCIntegralVector<T, Missing>::OpenGap(int at, int count) {
   at = std::clamp(at, 1, size_ + 1);
   Unlink();
   Grow(size_ + count);
   T* x = data_.get();
   std::copy_backward(x + at, x + 1 + size_, x + 1 + size_ + count);
-  std::copy(source.begin(), source.end(), x + at);
   size_ += count;
+  return at;
 }
 
 template <class T, T Missing>

@@ -125,6 +125,8 @@ class MVDA_EXPORT NCIntegralVector {
   }
   void Grow(int requested);  // capacity for `requested` elements; call after Unlink
   void CheckGrowth(const char* where, int count) const;
+  // Makes room for `count` elements before `at` (clamped to 1..n+1); returns the clamped position.
+  int OpenGap(int at, int count);
 
   int size_ = 0;
   int capacity_ = 0;

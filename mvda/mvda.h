@@ -5,10 +5,14 @@
 #include <mvda/containers/data_matrix.h>
 #include <mvda/containers/data_vector.h>
 #include <mvda/containers/integral_vector.h>
+#include <mvda/containers/string_vector.h>
 #include <mvda/platform/byte_io.h>
 #include <mvda/platform/error.h>
 #include <mvda/platform/language_string.h>
 #include <mvda/platform/progress.h>
+#include <mvda/platform/stream.h>
+#include <mvda/platform/stream_directory.h>
+#include <mvda/platform/stream_source.h>
 #include <mvda/spc/control_chart.h>
 
 #endif  // MVDA_MVDA_H_

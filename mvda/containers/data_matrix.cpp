@@ -74,7 +74,7 @@ NCDataMatrix<T>::NCDataMatrix(int rows, int cols, T fill) : NCDataMatrix() {
 }
 
 template <class T>
-NCDataMatrix<T>::NCDataMatrix(const NCDataMatrix& other) {
+NCDataMatrix<T>::NCDataMatrix(const NCDataMatrix& other) : UStreamBase(other) {
   SharedBlock* block = other.shared_;
   block->spin.lock();
   shared_ = block;

@@ -268,7 +268,7 @@ NCDataVector<T>::NCDataVector(int n, T value) {
 }
 
 template <class T>
-NCDataVector<T>::NCDataVector(const NCDataVector& other) {
+NCDataVector<T>::NCDataVector(const NCDataVector& other) : UStreamBase(other) {
   ShareFrom(other);
 }
 

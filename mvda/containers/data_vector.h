@@ -5,15 +5,18 @@
 
 #include <mvda/containers/integral_vector.h>
 #include <mvda/mvda_export.h>
+#include <mvda/platform/stream.h>
 
 namespace mvda::detail {
 struct SharedBlock;
 }
 
+// Exported already here: clang fixes the visibility of a specialization where it is first
+// named, and NCDataVector<float> names NCDataMatrix<float> before data_matrix.h defines it.
 template <class T>
-class NCDataMatrix;
+class MVDA_EXPORT NCDataMatrix;
 template <class T>
-class NCVecOpResultProxy;
+class MVDA_EXPORT NCVecOpResultProxy;
 
 namespace mvda {
 // The missing-value marker of float and double containers: an element is missing exactly when
@@ -35,7 +38,7 @@ MVDA_EXPORT double NCGetQuietNaN();
 // Thread-safety: copies of one vector may be read and copied from several threads; one vector
 // object is never written by two threads at once.
 template <class T>
-class MVDA_EXPORT NCDataVector {
+class MVDA_EXPORT NCDataVector : public virtual UStreamBase {
  public:
   using value_type = T;
   using IndexVector = NCIntegralVector<int, -99>;
@@ -169,6 +172,18 @@ class MVDA_EXPORT NCDataVector {
   // --- Buffer
   void Unlink();
   void ForceUnlink();
+
+  // --- Stream (data_vector_stream.cpp): record "NCDV" version 4, a directory of the size
+  // (entry 0), the missing count (1) and, for a non-empty vector, the elements (2). A read
+  // recounts the missing elements and refuses a stream that disagrees; a failed read leaves the
+  // vector empty.
+  static UStreamableData MyStreamableData;
+  static int GetUStreamVersionNumber() { return MyStreamableData.GetUStreamVersionNumber(); }
+  static int GetMyUStreamVersionNumber() { return MyStreamableData.GetMyUStreamVersionNumber(); }
+  bool UStreamableStartWrite(std::ostream& os) const override;
+  bool UStreamableWrite(std::ostream& os) const override;
+  bool UStreamableStartRead(std::istream& is) override;
+  bool UStreamableRead(std::istream& is) override;
 
  protected:
   static T* NewVec(int n, int& offset);

@@ -88,7 +88,7 @@ NCIntegralVector<T, Missing>::NCIntegralVector(const T* p, int n) {
 
 template <class T, T Missing>
 NCIntegralVector<T, Missing>::NCIntegralVector(const NCIntegralVector& other)
-    : size_(other.size_), capacity_(other.capacity_), data_(other.data_) {}
+    : UStreamBase(other), size_(other.size_), capacity_(other.capacity_), data_(other.data_) {}
 
 template <class T, T Missing>
 NCIntegralVector<T, Missing>& NCIntegralVector<T, Missing>::operator=(

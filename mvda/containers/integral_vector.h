@@ -4,6 +4,7 @@
 #define MVDA_CONTAINERS_INTEGRAL_VECTOR_H_
 
 #include <mvda/mvda_export.h>
+#include <mvda/platform/stream.h>
 
 #include <memory>
 #include <vector>
@@ -28,7 +29,7 @@
 // Thread-safety: copies of one vector may be read, copied and destroyed from several threads;
 // one vector object is never written by two threads at once.
 template <class T, T Missing>
-class MVDA_EXPORT NCIntegralVector {
+class MVDA_EXPORT NCIntegralVector : public virtual UStreamBase {
  public:
   using value_type = T;
   static constexpr T kMissingCode = Missing;
@@ -116,7 +117,21 @@ class MVDA_EXPORT NCIntegralVector {
   double GetVariance() const;  // divisor n - 1; -99 when empty, 0 for one element
   double GetStdDev() const;    // -99 for fewer than two elements, as for NCDataVector
 
+  // --- Stream (integral_vector_stream.cpp): record "NCIV" version 4, a directory of one entry
+  // holding the count and the elements. unsigned long elements take 4 bytes on every platform, so
+  // writing one above 4294967295 throws NCError before any byte is written; bool elements take
+  // one byte, 0 or 1. A failed read leaves the vector empty.
+  static UStreamableData MyStreamableData;
+  static int GetUStreamVersionNumber() { return MyStreamableData.GetUStreamVersionNumber(); }
+  static int GetMyUStreamVersionNumber() { return MyStreamableData.GetMyUStreamVersionNumber(); }
+  bool UStreamableStartWrite(std::ostream& os) const override;
+  bool UStreamableWrite(std::ostream& os) const override;
+  bool UStreamableStartRead(std::istream& is) override;
+  bool UStreamableRead(std::istream& is) override;
+
  private:
+  bool ReadVector(std::istream& is);  // entry 0 into this vector; false, and empty, on failure
+  void CheckStreamable(const char* where) const;  // the 4-byte limit of unsigned long elements
   // Gives `array` a private copy of its first `size`+1 cells when another vector shares it;
   // true when it copied (the new array then holds exactly size elements).
   static bool UnLinkVecPointer(boost::shared_array<T>& array, int size);
@@ -145,6 +160,18 @@ class MVDA_EXPORT BoolVector : public NCIntegralVector<bool, false> {
   BoolVector(const BoolVector&) = default;
   BoolVector& operator=(const BoolVector&) = default;
   ~BoolVector() override;
+
+  // --- Stream (integral_vector_stream.cpp): record "BoolVector" version 3; the flags go through
+  // the NCIntegralVector<bool,0> base part, and its own directory has no entries.
+  static UStreamableData MyStreamableData;
+  static int GetUStreamVersionNumber() { return MyStreamableData.GetUStreamVersionNumber(); }
+  static int GetMyUStreamVersionNumber() { return MyStreamableData.GetMyUStreamVersionNumber(); }
+  bool UStreamableStartWrite(std::ostream& os) const override;
+  bool UStreamableWrite(std::ostream& os) const override;
+  bool UStreamableWriteBases(std::ostream& os) const override;
+  bool UStreamableStartRead(std::istream& is) override;
+  bool UStreamableRead(std::istream& is) override;
+  bool UStreamableReadBases(std::istream& is) override;
 };
 
 // A process-wide supply of integer cells, safe from any thread. Cells come from blocks of 1024

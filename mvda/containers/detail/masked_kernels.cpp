@@ -1,0 +1,101 @@
+// The masked loops of the matrix algebra.
+#include <mvda/containers/detail/masked_kernels.h>
+
+namespace mvda::detail {
+
+// One pass over each row with the column accumulators in L1: the rows stream through once, which
+// is what a transposed matrix-vector product costs too. The product and the square go through the
+// mask before the addition, so no compiler can fuse them into one rounding in some lanes only.
+template <class T>
+void AccumulateWeightedRows(const T* const* rows, const T* weights, int count, int n, T* num,
+                            T* den) {
+  for (int k = 0; k < count; ++k) {
+    const T* __restrict x = rows[k];
+    const T w = weights[k];
+    const T ww = w * w;
+    T* __restrict a = num;
+    if (den) {
+      T* __restrict b = den;
+      for (int j = 0; j < n; ++j) {
+        const MaskOf<T> m = PresentMask(x[j]);
+        a[j] += KeepBits(w * x[j], m);
+        b[j] += KeepBits(ww, m);
+      }
+    } else {
+      for (int j = 0; j < n; ++j) a[j] += KeepBits(w * x[j], PresentMask(x[j]));
+    }
+  }
+}
+
+// An OpenMP simd reduction: GCC keeps hand-written lane arrays in memory here and runs three
+// times slower. The reduction's order is fixed by the build (vector width), not by the data's
+// place in memory or by any thread.
+template <class T>
+void MaskedDot(const T* x, const T* p, const T* q, const MaskOf<T>* keep, int n, T& xv, T& xx) {
+  T a = 0, b = 0;
+#pragma omp simd reduction(+ : a, b)
+  for (int j = 0; j < n; ++j) {
+    const MaskOf<T> m = keep[j] & PresentMask(x[j]);
+    a += KeepBits(p[j] * x[j], m);
+    b += KeepBits(q[j], m);
+  }
+  xv = a;
+  xx = b;
+}
+
+template <class T>
+int MaskedAxpy(int n, T s, const T* b, T* y) {
+  int missing = 0;
+  for (int j = 0; j < n; ++j) {
+    const MaskOf<T> m = PresentMask(y[j]) & PresentMask(b[j]);
+    y[j] += KeepBits(s * b[j], m);
+    missing += y[j] == T(-99);
+  }
+  return missing;
+}
+
+template <class T>
+void AccumulateColumnSums(const T* const* rows, int count, int n, double* sum) {
+  for (int k = 0; k < count; ++k) {
+    const T* __restrict x = rows[k];
+    double* __restrict a = sum;
+    for (int j = 0; j < n; ++j) {
+      const MaskOf<double> m = MaskOf<double>(0) - static_cast<MaskOf<double>>(x[j] != T(-99));
+      a[j] += KeepBits(static_cast<double>(x[j]), m);
+    }
+  }
+}
+
+template <class T>
+void AccumulateColumnSquares(const T* const* rows, int count, int n, const double* centre,
+                             double* ss) {
+  for (int k = 0; k < count; ++k) {
+    const T* __restrict x = rows[k];
+    double* __restrict a = ss;
+    for (int j = 0; j < n; ++j) {
+      const MaskOf<double> m = MaskOf<double>(0) - static_cast<MaskOf<double>>(x[j] != T(-99));
+      const double d = static_cast<double>(x[j]) - (centre ? centre[j] : 0.0);
+      a[j] += KeepBits(d * d, m);
+    }
+  }
+}
+
+template <class T>
+int CountMissing(const T* x, int n) {
+  int missing = 0;
+  for (int j = 0; j < n; ++j) missing += x[j] == T(-99);
+  return missing;
+}
+
+#define MVDA_INSTANTIATE(T)                                                                    \
+  template void AccumulateWeightedRows<T>(const T* const*, const T*, int, int, T*, T*);        \
+  template void MaskedDot<T>(const T*, const T*, const T*, const MaskOf<T>*, int, T&, T&);     \
+  template int MaskedAxpy<T>(int, T, const T*, T*);                                            \
+  template void AccumulateColumnSums<T>(const T* const*, int, int, double*);                   \
+  template void AccumulateColumnSquares<T>(const T* const*, int, int, const double*, double*); \
+  template int CountMissing<T>(const T*, int);
+MVDA_INSTANTIATE(float)
+MVDA_INSTANTIATE(double)
+#undef MVDA_INSTANTIATE
+
+}  // namespace mvda::detail

@@ -2,17 +2,25 @@
 #ifndef MVDA_MVDA_H_
 #define MVDA_MVDA_H_
 
+#include <mvda/cluster/dendrogram.h>
+#include <mvda/cluster/distance_calculators.h>
+#include <mvda/cluster/mega_distances.h>
 #include <mvda/containers/data_matrix.h>
 #include <mvda/containers/data_vector.h>
 #include <mvda/containers/integral_vector.h>
+#include <mvda/containers/multi_threading.h>
 #include <mvda/containers/string_vector.h>
 #include <mvda/platform/byte_io.h>
 #include <mvda/platform/error.h>
 #include <mvda/platform/language_string.h>
+#include <mvda/platform/md5.h>
 #include <mvda/platform/progress.h>
+#include <mvda/platform/sta.h>
 #include <mvda/platform/stream.h>
 #include <mvda/platform/stream_directory.h>
 #include <mvda/platform/stream_source.h>
+#include <mvda/platform/temp_file.h>
+#include <mvda/platform/user_comm.h>
 #include <mvda/spc/control_chart.h>
 
 #endif  // MVDA_MVDA_H_

@@ -1,0 +1,278 @@
+// DendroGram::GetDendroGram (agglomeration, the missing-value admission check, the cache) and
+// DendroGram::CreateMergeData.
+#include <mvda/cluster/dendrogram.h>
+#include <mvda/cluster/detail/pair_distances.h>
+#include <mvda/cluster/distance_calculators.h>
+#include <mvda/platform/error.h>
+#include <mvda/platform/md5.h>
+#include <mvda/platform/progress.h>
+#include <mvda/platform/stream_source.h>
+
+#include <algorithm>
+#include <cmath>
+#include <exception>
+#include <istream>
+#include <memory>
+#include <ostream>
+#include <queue>
+#include <string>
+#include <unordered_map>
+#include <utility>
+
+namespace DendroGram {
+namespace {
+
+constexpr float kMissing = -99.0f;
+
+void CheckShape(const NCDataMatrix<float>& data) {
+  if (data.SizeRows() < 1) throw NCError("DendroGram::GetDendroGram: the data have no rows");
+  if (data.SizeColumns() < 1) throw NCError("DendroGram::GetDendroGram: the data have no columns");
+  mvda::detail::CheckRowCount(data.SizeRows());
+  // An infinite or NaN value would make distances that do not order.
+  for (int i = 1; i <= data.SizeRows(); ++i) {
+    const float* x = data[i].begin();
+    for (int j = 0; j < data.SizeColumns(); ++j)
+      if (!std::isfinite(x[j]))
+        throw NCError("DendroGram::GetDendroGram: row " + std::to_string(i) + ", column " +
+                      std::to_string(j + 1) + " holds a value that is not finite");
+  }
+}
+
+// Distances rest on the columns two rows share: rows that share too few would get distances from
+// a handful of values scaled up to the full width.
+void CheckMissingValues(const NCDataMatrix<float>& data) {
+  const int rows = data.SizeRows(), columns = data.SizeColumns();
+  std::vector<int> missing(rows);
+  for (int i = 1; i <= rows; ++i) {
+    missing[i - 1] = data[i].GetNumMisVal();
+    if (missing[i - 1] > 0 && static_cast<double>(missing[i - 1]) / columns > 0.5)
+      throw NCError(
+          "Cluster analysis can not be performed on data that has rows with more than 50% missing "
+          "values");
+  }
+  const int k = static_cast<int>(std::sqrt(static_cast<double>(columns)) + 0.5);
+  for (int i = 1; i <= rows; ++i) {
+    const float* x = data[i].begin();
+    for (int j = i + 1; j <= rows; ++j) {
+      // Fewer than k common columns needs at least this many missing in row j.
+      if (missing[j - 1] < columns - missing[i - 1] - k) continue;
+      const float* y = data[j].begin();
+      int common = 0;
+      for (int c = 0; c < columns; ++c) common += x[c] != kMissing && y[c] != kMissing;
+      if (common < k)
+        throw NCError(
+            "Cluster analysis can not be performed on data where two rows have less than\nthe "
+            "square root of the number of columns common non-missing elements.");
+    }
+  }
+}
+
+std::string CacheName(const NCDataMatrix<float>& data, const ClusterDistanceCalculator& calc) {
+  MD5 digest;
+  for (int i = 1; i <= data.SizeRows(); ++i)
+    digest.Update(data[i].begin(), sizeof(float) * static_cast<std::size_t>(data.SizeColumns()));
+  digest.Update(calc.GetId());
+  return "Dendro_" + std::to_string(data.SizeRows()) + "_" + std::to_string(data.SizeColumns()) +
+         "_" + digest.HexDigest();
+}
+
+// A cached tree is used only when it has one leaf per row, each holding one row 1..N once.
+bool FitsData(const DendroGramNode& root, int rows) {
+  if (root.SizeLeafs() != static_cast<unsigned>(rows)) return false;
+  std::list<const DendroGramNode*> nodes;
+  root.GetNodes(nodes);
+  std::vector<bool> seen(rows + 1, false);
+  for (const DendroGramNode* node : nodes) {
+    if (!node->IsLeaf()) continue;
+    const std::vector<std::uint32_t>& items = *node->Items();
+    if (items.size() != 1 || items[0] < 1 || items[0] > static_cast<std::uint32_t>(rows) ||
+        seen[items[0]])
+      return false;
+    seen[items[0]] = true;
+  }
+  return true;
+}
+
+DendroGramNode* ReadCached(TwStreamSource& cache, const std::string& name, int rows) {
+  std::unique_ptr<std::istream> is = cache.OpenInputStream(name);
+  if (!is) return nullptr;
+  DendroGramNode* root = new DendroGramNode();
+  bool ok = false;
+  try {
+    ok = StreamIn(*root, *is) && FitsData(*root, rows);
+  } catch (const std::exception&) {
+    ok = false;  // an unreadable entry is computed again and replaced
+  }
+  if (!ok) {
+    root->Destroy();
+    return nullptr;
+  }
+  return root;
+}
+
+// The cache only saves time: a tree that cannot be stored is still returned.
+void WriteCached(TwStreamSource& cache, const std::string& name, const DendroGramNode& root) {
+  try {
+    if (std::unique_ptr<std::ostream> os = cache.OpenOutputStream(name)) StreamOut(root, *os);
+  } catch (const std::exception&) {
+  }
+}
+
+// Owns the nodes of an unfinished agglomeration, so that they are freed when it is abandoned.
+class NodeList {
+ public:
+  NodeList() = default;
+  NodeList(const NodeList&) = delete;
+  NodeList& operator=(const NodeList&) = delete;
+  ~NodeList() {
+    for (DendroGramNode* node : nodes_) DendroGramNode::DestroyNode(node);
+  }
+  std::vector<DendroGramNode*>& Nodes() { return nodes_; }
+  DendroGramNode* Release() {
+    DendroGramNode* root = nodes_.front();
+    nodes_.clear();
+    return root;
+  }
+
+ private:
+  std::vector<DendroGramNode*> nodes_;
+};
+
+}  // namespace
+
+DendroGramNode* GetDendroGram(const NCDataMatrix<float>& data, ClusterDistanceCalculator& calc,
+                              NCProgress* progress, TwStreamSource* cache) {
+  const NCDataMatrix<float> x(data);  // shares the rows; the caller's later writes unshare them
+  CheckShape(x);
+  const int rows = x.SizeRows();
+  std::string name;
+  if (cache) {
+    name = CacheName(x, calc);
+    if (DendroGramNode* cached = ReadCached(*cache, name, rows)) return cached;
+  }
+  if (progress) {
+    progress->SetRange(0, 10);
+    progress->PushSubRange(0, 5);
+  }
+  if (x.GetNumMisVal() > 0) CheckMissingValues(x);
+
+  NodeList list;
+  std::vector<DendroGramNode*>& nodes = list.Nodes();
+  nodes.reserve(rows);
+  for (int r = 1; r <= rows; ++r) nodes.push_back(new DendroGramNode(r));
+
+  calc.Init(x, progress);
+  if (progress) {
+    progress->PopSubRange();
+    progress->PushSubRange(5, 10);
+    progress->SetText("Merging clusters");
+    progress->SetRange(0, rows);
+  }
+  for (int merges = 1; nodes.size() > 1; ++merges) {
+    int i = -1, j = -1;
+    const float distance = calc.FindNearestAndMerge(i, j);
+    if (i > j) std::swap(i, j);
+    if (i < 0 || i == j || static_cast<std::size_t>(j) >= nodes.size())
+      throw NCError("DendroGram::GetDendroGram: the calculator merged clusters " +
+                    std::to_string(i) + " and " + std::to_string(j) + " of " +
+                    std::to_string(nodes.size()));
+    // The children leave the list only once their parent owns them.
+    nodes[i] = new DendroGramNode(distance, nodes[i], nodes[j]);
+    nodes.erase(nodes.begin() + j);
+    if (progress) {
+      if (merges % 10 == 0 && !progress->SetValue(merges))
+        throw NCError("Cluster analysis aborted.", NCError::kStopRequested);
+      if (progress->IsBreakPressed())
+        throw NCError("Cluster analysis aborted.", NCError::kUserStop);
+    }
+  }
+  if (progress) progress->PopSubRange();
+  nodes.front()->SortBySize();
+  if (cache) WriteCached(*cache, name, *nodes.front());
+  return list.Release();
+}
+
+void CreateMergeData(const DendroGramNode& root, NCDataVector<float>& heights,
+                     NCIntegralVector<unsigned long, 0>& clusterA,
+                     NCIntegralVector<unsigned long, 0>& clusterB,
+                     NCIntegralVector<unsigned long, 0>& merged,
+                     std::vector<std::vector<unsigned long>>* membersA,
+                     std::vector<std::vector<unsigned long>>* membersB) {
+  if ((membersA == nullptr) != (membersB == nullptr))
+    throw NCError("Internal error in DendroGram::CreateMergeData");
+  std::list<const DendroGramNode*> listed;
+  root.GetNodes(listed);
+  const std::vector<const DendroGramNode*> order(listed.begin(), listed.end());
+  std::unordered_map<const DendroGramNode*, std::size_t> position;
+  position.reserve(order.size());
+  unsigned long largest_row = 0;
+  for (std::size_t p = 0; p < order.size(); ++p) {
+    position[order[p]] = p;
+    if (order[p]->IsLeaf())
+      for (const std::uint32_t row : *order[p]->Items())
+        largest_row = std::max<unsigned long>(largest_row, row);
+  }
+  const int count = static_cast<int>(order.size() / 2);  // inner nodes of a two-way tree
+  heights.SetSize(count);                                // every element -99 until written
+  clusterA.SetNumValues(count, 0);
+  clusterB.SetNumValues(count, 0);
+  merged.SetNumValues(count, 0);
+  if (membersA) {
+    membersA->assign(count, {});
+    membersB->assign(count, {});
+  }
+
+  // Cluster number of every node: a leaf's first row (0 when empty), merge k gives largest_row + k.
+  std::vector<unsigned long> id(order.size(), 0);
+  // Inner nodes become ready when both children are numbered; the lowest ready node merges next,
+  // ties by pre-order position (left to right).
+  std::vector<int> waiting(order.size(), 0);
+  using Ready = std::pair<float, std::size_t>;
+  std::priority_queue<Ready, std::vector<Ready>, std::greater<Ready>> ready;
+  const auto numbered = [&](std::size_t p) {
+    const DendroGramNode* parent = order[p]->GetParent();
+    if (order[p] == &root || !parent) return;
+    const std::size_t q = position[parent];
+    if (++waiting[q] == 2) ready.push({parent->Height(), q});
+  };
+  for (std::size_t p = 0; p < order.size(); ++p) {
+    if (!order[p]->IsLeaf()) continue;
+    const std::vector<std::uint32_t>& items = *order[p]->Items();
+    id[p] = items.empty() ? 0 : items[0];
+    numbered(p);
+  }
+  std::vector<std::vector<unsigned long>> rows_below;
+  if (membersA) rows_below.resize(order.size());
+  const auto rows_of = [&](std::size_t p) -> std::vector<unsigned long> {
+    if (!order[p]->IsLeaf()) return std::move(rows_below[p]);
+    std::vector<unsigned long> rows(order[p]->Items()->begin(), order[p]->Items()->end());
+    std::sort(rows.begin(), rows.end());
+    return rows;
+  };
+  for (int k = 1; !ready.empty(); ++k) {
+    const std::size_t p = ready.top().second;
+    ready.pop();
+    const DendroGramNode* node = order[p];
+    const std::size_t l = position[node->GetLeft()], r = position[node->GetRight()];
+    id[p] = largest_row + static_cast<unsigned long>(k);
+    heights(k, node->Height());
+    clusterA(k) = id[l];
+    clusterB(k) = id[r];
+    merged(k) = id[p];
+    if (membersA) {
+      std::vector<unsigned long>& a = (*membersA)[k - 1];
+      std::vector<unsigned long>& b = (*membersB)[k - 1];
+      a = rows_of(l);
+      b = rows_of(r);
+      // The union stays only while the parent's own merge has not been listed.
+      if (node != &root) {
+        std::vector<unsigned long>& both = rows_below[p];
+        both.resize(a.size() + b.size());
+        std::merge(a.begin(), a.end(), b.begin(), b.end(), both.begin());
+      }
+    }
+    numbered(p);
+  }
+}
+
+}  // namespace DendroGram

@@ -10,6 +10,7 @@
 #include <mvda/containers/integral_vector.h>
 #include <mvda/containers/multi_threading.h>
 #include <mvda/containers/string_vector.h>
+#include <mvda/models/pca.h>
 #include <mvda/platform/byte_io.h>
 #include <mvda/platform/error.h>
 #include <mvda/platform/language_string.h>
@@ -21,6 +22,7 @@
 #include <mvda/platform/stream_source.h>
 #include <mvda/platform/temp_file.h>
 #include <mvda/platform/user_comm.h>
+#include <mvda/preprocess/scale.h>
 #include <mvda/spc/control_chart.h>
 
 #endif  // MVDA_MVDA_H_

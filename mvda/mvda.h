@@ -11,6 +11,7 @@
 #include <mvda/containers/multi_threading.h>
 #include <mvda/containers/string_vector.h>
 #include <mvda/models/pca.h>
+#include <mvda/models/pls.h>
 #include <mvda/platform/byte_io.h>
 #include <mvda/platform/error.h>
 #include <mvda/platform/language_string.h>

@@ -19,26 +19,6 @@ std::string Shape(const NCDataMatrix<float>& m) {
   return std::to_string(m.SizeRows()) + " x " + std::to_string(m.SizeColumns());
 }
 
-// The relative squared change of the score vector between two iterations: sum (t - old)^2 over
-// sum t^2, both over the observations present in both. -99 when there is no such pair or a sum
-// overflowed; 1e30 (far from converged) when t is practically zero there.
-double RelativeChange(const NCDataVector<float>& t, const NCDataVector<float>& old) {
-  const float* a = t.begin();
-  const float* b = old.begin();
-  double num = 0, den = 0;
-  bool pair = false;
-  for (int i = 0; i < t.Size(); ++i) {
-    if (a[i] == kMis || b[i] == kMis) continue;
-    const double x = a[i], diff = x - b[i];
-    num += diff * diff;
-    den += x * x;
-    pair = true;
-  }
-  if (!pair || !std::isfinite(num) || !std::isfinite(den)) return mvda::kMissing;
-  if (den <= 1e-30) return 1e30;
-  return num / den;
-}
-
 // Positive while d > 1e-10 and falling by 10 per decade of d, so that -c climbs to 0 as the
 // iteration converges and serves directly as a progress value.
 double ConvergenceMeasure(double d) { return d > 1e-30 ? 10 * (std::log10(d) + 10) : -1.0; }
@@ -157,7 +137,7 @@ bool NCPCA::NextComponent(NCProgress* progress, const GroupVector* groups, int g
       ExcludeVariables(p, groups, group);
       p.Normalise();
       E.Result(&t).SpecialNipalsRegressRowsFix(p, groups, group);
-      const double d = RelativeChange(t, previous);
+      const double d = static_cast<double>(t.Difference(previous));
       if (d == mvda::kMissing) throw NCError("PCA component could not be computed.");
       const double c = ConvergenceMeasure(d);
       ++count;

@@ -890,18 +890,24 @@ long double NCDataVector<T>::Correlation(const NCDataVector& v) const {
   return m.sab / std::sqrt(m.saa * m.sbb);
 }
 
+// The convergence measure of NIPALS: the change from v (the previous iterate) to this vector,
+// relative to this vector and squared, so that it does not depend on the units and the jitter of
+// single precision (about 1e-14 squared) lies far below the usual threshold of 1e-10.
 template <class T>
 long double NCDataVector<T>::Difference(const NCDataVector& v) const {
   CheckSameSize("Difference", size_, v.size_);
-  long double sum = 0;
+  double change = 0, length = 0;
   int pairs = 0;
   ForPairs(data_, v.data_, size_, [&](T a, T b) {
-    const long double d = static_cast<long double>(a) - b;
-    sum += d * d;
+    const double d = static_cast<double>(a) - b;
+    change += d * d;
+    length += static_cast<double>(a) * a;
     ++pairs;
   });
-  if (pairs == 0) return kMis<long double>;
-  return std::sqrt(sum / pairs);
+  if (pairs == 0 || !std::isfinite(change) || !std::isfinite(length)) return kMis<long double>;
+  // A vector that is practically zero has not settled on a direction yet.
+  if (length <= 1e-30) return 1e30L;
+  return change / length;
 }
 
 template <class T>

@@ -140,7 +140,9 @@ class MVDA_EXPORT NCDataVector : public virtual UStreamBase {
   long double GetSkewnessTest() const;
   long double GetKurtosis() const;
   long double Correlation(const NCDataVector& v) const;  // Pearson, over pairs present in both
-  // Root mean square of this - v over the pairs present in both; -99 when there is none.
+  // How far this vector moved from v (its previous value): sum (this - v)^2 / sum this^2 over the
+  // pairs present in both. -99 when there is no pair or a sum is not finite; 1e30 when this is
+  // practically zero there (sum this^2 <= 1e-30). NIPALS stops when it reaches 1e-10.
   long double Difference(const NCDataVector& v) const;
   // Ordinary least squares of this (y) on x over the pairs present in both; false when fewer
   // than two pairs or x does not vary.

@@ -145,7 +145,10 @@ TYPED_TEST(DataVectorStatistics, PairwiseStatistics) {
   EXPECT_NEAR(slope, 2, 1e-6);
   EXPECT_NEAR(intercept, 1, 1e-6);
   EXPECT_NEAR(y.Correlation(x), 1, 1e-12);
-  EXPECT_NEAR(y.Difference(x), std::sqrt(7.0L), 1e-12);  // differences 1, 2, 4
+  // Pairs (1,0), (3,1), (7,3): (1 + 4 + 16) / (1 + 9 + 49) = 21/59.
+  EXPECT_NEAR(y.Difference(x), 21.0L / 59.0L, 1e-12);
+  // A vector that is still zero has no direction yet: far from converged, not "no change".
+  EXPECT_EQ(MakeVector<TypeParam>({0, -99}).Difference(MakeVector<TypeParam>({4, 1})), 1e30L);
   const auto gaps = MakeVector<TypeParam>({-99, -99, 5, -99});
   EXPECT_EQ(y.Correlation(gaps), kNone);
   EXPECT_EQ(y.Difference(gaps), kNone);

@@ -18,17 +18,6 @@ namespace {
 constexpr std::uint64_t kEmptyVectorBytes = 12 + 4 + 2 * (12 + 4);
 constexpr std::uint64_t kEntryHeaderBytes = 12;
 
-// Writes a complete object (record, bases, directory) without looking at or setting its pass
-// flags. Rows and column counts are shared between copies of a matrix, so a flag set while one
-// copy is written would make another copy in the same pass write its rows as nothing.
-template <class Object>
-bool WriteWhole(const Object& object, std::ostream& os) {
-  if (!(Object::MyStreamableData.Write(os) && object.Object::UStreamableWriteBases(os) &&
-        object.Object::UStreamableWrite(os)))
-    os.setstate(std::ios::failbit);
-  return static_cast<bool>(os);
-}
-
 }  // namespace
 
 template <class T>

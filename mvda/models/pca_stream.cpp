@@ -8,20 +8,6 @@
 #include <istream>
 #include <ostream>
 
-namespace {
-
-// Writes a complete matrix (record, bases, directory) without looking at or setting its pass
-// flags. The matrices belong to the model: copies of a model share them in memory, and each copy
-// written in the same pass must still carry them in full to be read back on its own.
-void WriteWhole(const NCDataMatrix<float>& m, std::ostream& os) {
-  using Matrix = NCDataMatrix<float>;
-  if (os && !(Matrix::MyStreamableData.Write(os) && m.Matrix::UStreamableWriteBases(os) &&
-              m.Matrix::UStreamableWrite(os)))
-    os.setstate(std::ios::failbit);
-}
-
-}  // namespace
-
 UStreamableData NCPCA::MyStreamableData("NCPCA", 2);
 
 bool NCPCA::UStreamableStartWrite(std::ostream& os) const {

@@ -14,16 +14,6 @@ constexpr int kEntries = 9;
 constexpr int kMaxIterationsEntry = 7;
 constexpr int kIterationsEntry = 8;
 
-// Writes a whole matrix object without looking at or setting its pass flags: copies of a model
-// share their matrices, and a flag set while one copy is written would make the other copy, in
-// the same pass, write its matrices as nothing.
-bool WriteMatrix(const Matrix& m, std::ostream& os) {
-  if (!(Matrix::MyStreamableData.Write(os) && m.Matrix::UStreamableWriteBases(os) &&
-        m.Matrix::UStreamableWrite(os)))
-    os.setstate(std::ios::failbit);
-  return static_cast<bool>(os);
-}
-
 bool ReadCount(InputStreamDirectory& dir, int id, int& value) {
   std::int32_t v = 0;
   std::istream* in = dir.GetInput(id);
@@ -48,7 +38,7 @@ bool NCPLS::UStreamableWrite(std::ostream& os) const {
   const Matrix* const parts[] = {cprim_.get(), pprim_.get(),       wprim_.get(),      uprim_.get(),
                                  tprim_.get(), x_residuals_.get(), y_residuals_.get()};
   for (int id = 0; id < 7; ++id)
-    if (!WriteMatrix(*parts[id], dir.GetOutput(id))) break;
+    if (!WriteWhole(*parts[id], dir.GetOutput(id))) break;
   WriteFourBytes(static_cast<std::int32_t>(max_iterations_), dir.GetOutput(kMaxIterationsEntry));
   WriteFourBytes(static_cast<std::int32_t>(iterations_), dir.GetOutput(kIterationsEntry));
   return dir.Close();

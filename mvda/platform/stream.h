@@ -10,7 +10,7 @@
 
 #include <atomic>
 #include <cstdint>
-#include <iosfwd>
+#include <ostream>
 #include <stdexcept>
 #include <string>
 
@@ -157,6 +157,18 @@ MVDA_EXPORT std::istream& operator>>(std::istream& is, UStreamBase& object);
 // Reads one embedded object; when the stream goes bad, throws TwStreamError ("Error when reading
 // from stream") if `throw_error`, otherwise returns false.
 MVDA_EXPORT bool ReadNestedObject(std::istream& is, UStreamBase& object, bool throw_error = false);
+
+// Writes a complete object (record, bases, directory) without looking at or setting its pass
+// flags. For parts that copies of their owner share in memory (a matrix's rows, a model's
+// matrices): a flag set while one copy is written would make another copy written in the same
+// pass write them as nothing, and that copy could not be read back on its own.
+template <class Object>
+bool WriteWhole(const Object& object, std::ostream& os) {
+  if (!(Object::MyStreamableData.Write(os) && object.Object::UStreamableWriteBases(os) &&
+        object.Object::UStreamableWrite(os)))
+    os.setstate(std::ios::failbit);
+  return static_cast<bool>(os);
+}
 
 // One whole pass from the outermost object: clears the pass flags, streams the object, and clears
 // them again (also when an exception leaves). True when the stream is good afterwards.

@@ -8,20 +8,6 @@
 #include <istream>
 #include <ostream>
 
-namespace {
-
-// Writes a complete vector (record, bases, directory) without looking at or setting its pass
-// flags. The vectors belong to the model: copies of a model share them in memory, and each copy
-// written in the same pass must still carry them in full to be read back on its own.
-void WriteWhole(const NCDataVector<float>& v, std::ostream& os) {
-  using Vector = NCDataVector<float>;
-  if (os && !(Vector::MyStreamableData.Write(os) && v.Vector::UStreamableWriteBases(os) &&
-              v.Vector::UStreamableWrite(os)))
-    os.setstate(std::ios::failbit);
-}
-
-}  // namespace
-
 UStreamableData NCScale::MyStreamableData("NCS", 2);
 
 bool NCScale::UStreamableStartWrite(std::ostream& os) const {

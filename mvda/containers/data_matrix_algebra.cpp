@@ -973,8 +973,8 @@ typename NCDataMatrix<T>::Row NCDataMatrix<T>::SpecialNipalsRegressColumnsFix(
   return out;
 }
 
-// Per row: the BLAS dot product with p when neither the row nor p has a gap and no column is
-// excluded, the masked sums otherwise. Rows are independent, so any team gives the same result.
+// Per row: the plain product with p when neither the row nor p has a gap and no column is
+// excluded, the masked sums otherwise.
 template <class T>
 void NCDataMatrix<T>::RegressRowsImpl(const Row& p, const IndexVector* exclude, int code, bool fix,
                                       Row& out) const {
@@ -1004,25 +1004,50 @@ void NCDataMatrix<T>::RegressRowsImpl(const Row& p, const IndexVector* exclude, 
   }
   const bool fast = p.GetNumMisVal() == 0 && !exclude;
   const Grid grid(rows_, c);
+  // The groups are cut within the fixed bands, by the data and the shape alone, so any team gives
+  // the same result.
+  // Wider rows than one call may take go through the dot product in pieces (group 0).
+  const int group = c > 0 ? std::min(64, mvda::detail::kBlasSingleThreadElements / c) : 0;
+  const std::size_t step = static_cast<std::size_t>(std::max(group, 1));
   ParallelFor(grid.bands, [&](int band) {
-    for (int i = grid.BandBegin(band); i < grid.BandEnd(band); ++i) {
-      const Row& row = row_array_[i + 1];
-      const T* z = c > 0 ? row.GetVector() + 1 : nullptr;
-      double a, b;
-      bool pairs;
-      if (fast && row.GetNumMisVal() == 0) {
-        a = DotInPieces(c, z, x);
-        b = all;
-        pairs = c > 0;
+    std::vector<int> plain, masked;  // 0-based rows
+    for (int i = grid.BandBegin(band); i < grid.BandEnd(band); ++i)
+      (fast && row_array_[i + 1].GetNumMisVal() == 0 ? plain : masked).push_back(i);
+    // The complete rows: one BLAS matrix-vector product per group small enough to stay on this
+    // thread, read in place where the group's rows lie evenly, else from a packed copy.
+    std::vector<const T*> starts(step);
+    std::vector<T> packed, dots(step);
+    for (std::size_t k = 0; k < plain.size(); k += step) {
+      const int count = static_cast<int>(std::min(step, plain.size() - k));
+      for (int u = 0; u < count; ++u)
+        starts[u] = c > 0 ? row_array_[plain[k + u] + 1].GetVector() + 1 : nullptr;
+      if (group == 0 || c == 0) {
+        for (int u = 0; u < count; ++u)
+          dots[u] = c > 0 ? static_cast<T>(DotInPieces(c, starts[u], x)) : T(0);
       } else {
-        T xv, xx;
-        mvda::detail::MaskedDot(z, pz.data(), q.data(), keep.data(), c, xv, xx);
-        a = xv;
-        b = xx;
-        pairs = b != 0;
-        for (int j = 0; j < c && !pairs; ++j) pairs = keep[j] && z[j] != kMis<T>;
+        int ld = EvenStride(starts.data(), count, c);
+        const T* a = starts[0];
+        if (ld == 0) {
+          packed.resize(static_cast<std::size_t>(group) * c);
+          for (int u = 0; u < count; ++u)
+            std::memcpy(packed.data() + static_cast<std::size_t>(u) * c, starts[u], sizeof(T) * c);
+          a = packed.data();
+          ld = c;
+        }
+        mvda::detail::Gemv(false, count, c, T(1), a, ld, x, T(0), dots.data());
       }
-      result[i + 1] = pairs ? static_cast<T>(Coefficient(a, b, all, fix)) : kMis<T>;
+      for (int u = 0; u < count; ++u)
+        result[plain[k + u] + 1] =
+            c > 0 ? static_cast<T>(Coefficient(dots[u], all, all, fix)) : kMis<T>;
+    }
+    // The others through the masked sums, row by row.
+    for (const int i : masked) {
+      const T* z = c > 0 ? row_array_[i + 1].GetVector() + 1 : nullptr;
+      T xv, xx;
+      mvda::detail::MaskedDot(z, pz.data(), q.data(), keep.data(), c, xv, xx);
+      bool pairs = xx != 0;
+      for (int j = 0; j < c && !pairs; ++j) pairs = keep[j] && z[j] != kMis<T>;
+      result[i + 1] = pairs ? static_cast<T>(Coefficient(xv, xx, all, fix)) : kMis<T>;
     }
   });
   SetCountFromElements(out);

@@ -1,6 +1,14 @@
 // The masked loops of the matrix algebra.
 #include <mvda/containers/detail/masked_kernels.h>
 
+// GCC builds an AVX2 copy of each hot kernel next to the baseline one and picks it when the
+// library loads; clang cannot clone function templates, and gets the baseline only.
+#if defined(__GNUC__) && !defined(__clang__) && defined(__x86_64__)
+#define MVDA_AVX2_CLONES __attribute__((target_clones("avx2", "default")))
+#else
+#define MVDA_AVX2_CLONES
+#endif
+
 namespace mvda::detail {
 
 // One pass over each row with the column accumulators in L1: the rows stream through once, which
@@ -32,9 +40,8 @@ void AccumulateWeightedRows(const T* const* rows, const T* weights, int count, i
 // AVX2 clone is chosen once at load time where the processor has it), not by the data's place in
 // memory or by any thread.
 template <class T>
-__attribute__((target_clones("avx2", "default"))) void MaskedDot(const T* x, const T* p, const T* q,
-                                                                 const MaskOf<T>* keep, int n,
-                                                                 T& xv, T& xx) {
+MVDA_AVX2_CLONES void MaskedDot(const T* x, const T* p, const T* q, const MaskOf<T>* keep, int n,
+                                T& xv, T& xx) {
   T a = 0, b = 0;
 #pragma omp simd reduction(+ : a, b)
   for (int j = 0; j < n; ++j) {
@@ -47,7 +54,7 @@ __attribute__((target_clones("avx2", "default"))) void MaskedDot(const T* x, con
 }
 
 template <class T>
-__attribute__((target_clones("avx2", "default"))) int MaskedAxpy(int n, T s, const T* b, T* y) {
+MVDA_AVX2_CLONES int MaskedAxpy(int n, T s, const T* b, T* y) {
   int missing = 0;
   for (int j = 0; j < n; ++j) {
     const MaskOf<T> m = PresentMask(y[j]) & PresentMask(b[j]);
@@ -76,10 +83,8 @@ void AccumulateColumnSums(const T* const* rows, int count, int n, double* sum) {
 // AVX2 is picked at load time where the processor has it; the sums do not change with it, as
 // every element goes through the same operations in the same order.
 template <class T>
-__attribute__((target_clones("avx2", "default"))) void AccumulateColumnSquares(const T* const* rows,
-                                                                               int count, int n,
-                                                                               const double* centre,
-                                                                               double* ss) {
+MVDA_AVX2_CLONES void AccumulateColumnSquares(const T* const* rows, int count, int n,
+                                              const double* centre, double* ss) {
   double* __restrict a = ss;
   int k = 0;
   if (!centre) {
@@ -131,7 +136,7 @@ __attribute__((target_clones("avx2", "default"))) void AccumulateColumnSquares(c
 }
 
 template <class T>
-__attribute__((target_clones("avx2", "default"))) int CountMissing(const T* x, int n) {
+MVDA_AVX2_CLONES int CountMissing(const T* x, int n) {
   int missing = 0;
   for (int j = 0; j < n; ++j) missing += x[j] == T(-99);
   return missing;

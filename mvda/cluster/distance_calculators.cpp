@@ -1,5 +1,7 @@
-#include <mvda/cluster/detail/distance_list.h>
+#include <mvda/cluster/detail/cluster_positions.h>
+#include <mvda/cluster/detail/lazy_sorted_list.h>
 #include <mvda/cluster/detail/pair_distances.h>
+#include <mvda/cluster/detail/ward_list.h>
 #include <mvda/cluster/distance_calculators.h>
 #include <mvda/cluster/mega_distances.h>
 #include <mvda/containers/detail/parallel_for.h>
@@ -62,7 +64,7 @@ WardDistanceCalculator::WardDistanceCalculator(const WardDistanceCalculator& oth
     : ClusterDistanceCalculator(other),
       type_(other.type_),
       data_(other.data_),
-      list_(other.list_),
+      list_(other.list_ ? other.list_->Clone() : nullptr),
       members_(other.members_) {
   sums_.reserve(other.sums_.size());
   for (const auto& sums : other.sums_)
@@ -91,15 +93,19 @@ void WardDistanceCalculator::Init(const NCDataMatrix<float>& data, NCProgress* p
   const int n = data.SizeRows();
   mvda::detail::CheckRowCount(n);
   data_ = data;
-  list_.clear();
-  list_.shrink_to_fit();
+  list_.reset();
   members_.assign(n, {});
   for (int i = 0; i < n; ++i) members_[i].push_back(i + 1);
   sums_.clear();
   sums_.resize(n);
-  if (type_ == kErrorSumOfSquares || type_ == kRootErrorSumOfSquares)
+  if (type_ == kErrorSumOfSquares || type_ == kRootErrorSumOfSquares) {
+    mvda::detail::DistanceList pairs;
+    mvda::detail::BinCounts counts;
     mvda::detail::ComputeDistanceList(data_, {0.5f, type_ == kRootErrorSumOfSquares}, progress,
-                                      list_, true);
+                                      pairs, &counts);
+    list_ = mvda::detail::MakeWardLazyList();
+    list_->Reset(n, std::move(pairs), mvda::detail::TeamSize(), std::move(counts));
+  }
 }
 
 const WardDistanceCalculator::ClusterSums& WardDistanceCalculator::Sums(int p) {
@@ -175,27 +181,25 @@ void WardDistanceCalculator::UpdateDistance(DistanceAndIndex& entry) {
 }
 
 float WardDistanceCalculator::FindNearestAndMerge(int& first, int& second) {
-  if (list_.empty())
+  mvda::detail::WardMerge merge;
+  const auto recompute = [this](int a, int b) {
+    DistanceAndIndex entry{-1.0f, a, b};
+    UpdateDistance(entry);
+    return entry.distance;
+  };
+  if (!list_ || !list_->Next(recompute, merge))
     throw NCError("WardDistanceCalculator::FindNearestAndMerge: no pair of clusters left");
-  if (list_.back().distance < 0.0f) {
-    std::size_t tail = list_.size();
-    while (tail > 0 && list_[tail - 1].distance < 0.0f) UpdateDistance(list_[--tail]);
-    mvda::detail::InsertRecomputedTail(list_, tail);
-  }
-  const DistanceAndIndex taken = list_.back();
-  const int a = taken.first - 1, b = taken.second - 1;
+  const int a = merge.a - 1, b = merge.b - 1;
   std::vector<int>& merged = members_[a];
   const std::size_t middle = merged.size();
   merged.insert(merged.end(), members_[b].begin(), members_[b].end());
   std::inplace_merge(merged.begin(), merged.begin() + middle, merged.end());
-  members_.erase(members_.begin() + b);
+  std::vector<int>().swap(members_[b]);
   sums_[a].reset();
-  sums_.erase(sums_.begin() + b);
-  list_.pop_back();
-  mvda::detail::CompactAfterMerge(list_, a + 1, b + 1, mvda::detail::TeamSize());
-  first = a;
-  second = b;
-  return taken.distance;
+  sums_[b].reset();
+  first = merge.first;
+  second = merge.second;
+  return merge.distance;
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -206,10 +210,9 @@ SingleLinkageDistanceCalculator::SingleLinkageDistanceCalculator() = default;
 SingleLinkageDistanceCalculator::SingleLinkageDistanceCalculator(
     const SingleLinkageDistanceCalculator& other)
     : ClusterDistanceCalculator(other),
-      list_(other.list_),
-      sorted_from_(other.sorted_from_),
-      piece_(other.piece_),
-      labels_(other.labels_),
+      list_(other.list_ ? std::make_unique<mvda::detail::LazySortedList>(*other.list_) : nullptr),
+      clusters_(other.clusters_ ? std::make_unique<mvda::detail::RowClusters>(*other.clusters_)
+                                : nullptr),
       mega_(other.mega_ ? std::make_unique<MegaDistances>(*other.mega_) : nullptr) {}
 
 SingleLinkageDistanceCalculator& SingleLinkageDistanceCalculator::operator=(
@@ -217,9 +220,7 @@ SingleLinkageDistanceCalculator& SingleLinkageDistanceCalculator::operator=(
   if (this != &other) {
     SingleLinkageDistanceCalculator copy(other);
     list_.swap(copy.list_);
-    sorted_from_ = copy.sorted_from_;
-    piece_ = copy.piece_;
-    labels_.swap(copy.labels_);
+    clusters_.swap(copy.clusters_);
     mega_.swap(copy.mega_);
   }
   return *this;
@@ -234,19 +235,19 @@ std::string SingleLinkageDistanceCalculator::GetId() const {
 void SingleLinkageDistanceCalculator::Init(const NCDataMatrix<float>& data, NCProgress* progress) {
   const int n = data.SizeRows();
   mvda::detail::CheckRowCount(n);
-  list_.clear();
-  sorted_from_ = 0;
+  list_.reset();
   mega_.reset();
-  labels_.resize(n);
-  for (int i = 0; i < n; ++i) labels_[i] = i;
+  clusters_ = std::make_unique<mvda::detail::RowClusters>();
+  clusters_->Reset(n);
   try {
-    // Kruskal's algorithm stops at the last merge, usually long before the end of the list: the
-    // list is sorted a piece at a time as the merging reaches it.
-    mvda::detail::ComputeDistanceList(data, {1.0f, true}, progress, list_, false);
-    // About a tenth of the list is taken before the last merge on typical data: a sixteenth
-    // first, then pieces four times as large, keep the passes over the whole list to two or three.
-    sorted_from_ = list_.size();
-    piece_ = std::max(list_.size() / 16, 4 * static_cast<std::size_t>(n));
+    // Kruskal's algorithm stops at the last merge, usually long before the end of the list, and
+    // skips every pair already joined: the list is sorted as far as the merging gets, and pairs
+    // inside a cluster are dropped unsorted.
+    mvda::detail::DistanceList pairs;
+    mvda::detail::BinCounts counts;
+    mvda::detail::ComputeDistanceList(data, {1.0f, true}, progress, pairs, &counts);
+    list_ = std::make_unique<mvda::detail::LazySortedList>();
+    list_->Reset(std::move(pairs), mvda::detail::TeamSize(), std::move(counts));
   } catch (const ClusterAllocationError&) {
     InitOnDisk(data, progress);
   }
@@ -327,32 +328,25 @@ void SingleLinkageDistanceCalculator::InitOnDisk(const NCDataMatrix<float>& data
 }
 
 float SingleLinkageDistanceCalculator::FindNearestAndMerge(int& first, int& second) {
+  if (!clusters_) throw NCError("SingleLinkageDistanceCalculator::FindNearestAndMerge: no data");
   // Kruskal's algorithm on the sorted list: the shortest remaining edge between two clusters.
+  DistanceAndIndex edge;
   for (;;) {
-    DistanceAndIndex edge;
     if (mega_) {
       if (!mega_->Pop(edge))
         throw NCError("SingleLinkageDistanceCalculator::FindNearestAndMerge: no pair left");
+      if (!clusters_->Joined(edge.first, edge.second)) break;
     } else {
-      if (list_.size() == sorted_from_ &&
-          !mvda::detail::SortNextPiece(list_, sorted_from_, piece_, mvda::detail::TeamSize()))
+      const DistanceAndIndex* next = list_ ? list_->Peek(clusters_->Labels()) : nullptr;
+      if (!next)
         throw NCError("SingleLinkageDistanceCalculator::FindNearestAndMerge: no pair left");
-      edge = list_.back();
-      list_.pop_back();
+      edge = *next;  // Peek passes only pairs of rows in different clusters
+      list_->Pop();
+      break;
     }
-    int p = labels_[edge.first - 1], q = labels_[edge.second - 1];
-    if (p == q) continue;
-    if (p > q) std::swap(p, q);
-    for (int& label : labels_) {
-      if (label == q)
-        label = p;
-      else if (label > q)
-        --label;
-    }
-    first = p;
-    second = q;
-    return edge.distance;
   }
+  clusters_->Merge(edge.first, edge.second, first, second);
+  return edge.distance;
 }
 
 }  // namespace DendroGram

@@ -145,23 +145,38 @@ void MegaDistances::SplitIntoBands() {
 std::list<MegaDistances::TempFile> MegaDistances::Distribute(
     const TempFile& source, const std::vector<DistanceAndIndex>& limits, bool report) {
   std::vector<TempFile> bands(limits.size());
+  // Records reach their band files through buffers written a block at a time (one small write a
+  // record was what splitting spent its time on). Half the segment reads, the buffers share the
+  // other half, so that the store stays within its segment's memory.
+  const std::size_t chunk = std::max<std::size_t>(1, capacity_ / 2);
+  const std::size_t buffered = std::max<std::size_t>(1, chunk / limits.size());
+  std::vector<std::vector<DistanceAndIndex>> pending(limits.size());
+  const auto write = [&](std::size_t b) {
+    if (!WriteRecords(pending[b].data(), pending[b].size(), bands[b].file->Stream()))
+      ThrowWriteError(bands[b]);
+    pending[b].clear();
+  };
   TempFile reading = source;
   std::istream& is = Rewind(reading);
   for (std::uint64_t done = 0; done < source.count;) {
     const std::size_t count =
-        static_cast<std::size_t>(std::min<std::uint64_t>(capacity_, source.count - done));
+        static_cast<std::size_t>(std::min<std::uint64_t>(chunk, source.count - done));
     segment_.resize(count);
     if (!ReadRecords(segment_.data(), count, is)) throw NCError(kReadError);
     for (const DistanceAndIndex& record : segment_) {
       // The first band whose upper key is not below the record's.
-      const auto at = std::lower_bound(limits.begin(), limits.end(), record, PopsBefore);
+      const auto at = std::lower_bound(
+          limits.begin(), limits.end(), record,
+          [](const DistanceAndIndex& a, const DistanceAndIndex& b) { return PopsBefore(a, b); });
       if (at == limits.end()) throw NCError(kBandError);
-      TempFile& band = bands[at - limits.begin()];
+      const std::size_t b = static_cast<std::size_t>(at - limits.begin());
+      TempFile& band = bands[b];
       if (!band.file) {
         band = NewFile();
         band.upper = *at;
       }
-      if (!WriteRecords(&record, 1, band.file->Stream())) ThrowWriteError(band);
+      pending[b].push_back(record);
+      if (pending[b].size() >= buffered) write(b);
       band.largest = std::max(band.largest, record.distance);
       ++band.count;
     }
@@ -172,6 +187,8 @@ std::list<MegaDistances::TempFile> MegaDistances::Distribute(
         throw NCError("Cluster analysis aborted.", NCError::kUserStop);
     }
   }
+  for (std::size_t b = 0; b < bands.size(); ++b)
+    if (!pending[b].empty()) write(b);
   segment_.clear();
   std::list<TempFile> filled;
   for (TempFile& band : bands) {
@@ -206,7 +223,8 @@ bool MegaDistances::LoadNextSegment() {
       if ((any_loaded_ && !PopsBefore(loaded_upper_, record)) || PopsBefore(band.upper, record) ||
           record.first < 1 || record.second <= record.first)
         throw NCError(kBandError);
-    mvda::detail::SortForPopping(segment_, 0, segment_.size(), mvda::detail::TeamSize());
+    mvda::detail::SortForPopping(segment_.data(), segment_.data() + segment_.size(),
+                                 mvda::detail::TeamSize());
     loaded_upper_ = band.upper;
     any_loaded_ = true;
     files_.pop_front();  // the last user of the file removes it
@@ -232,7 +250,8 @@ void MegaDistances::Repartition() {
     if (!ReadRecords(&record, 1, is)) throw NCError(kReadError);
     if ((t + 1) * size / records != t * size / records) segment_.push_back(record);
   }
-  std::sort(segment_.begin(), segment_.end(), PopsBefore);
+  std::sort(segment_.begin(), segment_.end(),
+            [](const DistanceAndIndex& a, const DistanceAndIndex& b) { return PopsBefore(a, b); });
   // Limits at evenly spaced sample keys, all below the sample's largest. Keys are distinct, so
   // each piece holds its own limit's record (the last piece the sample's largest) and is smaller
   // than the band: cutting again always makes progress, even for a band of equal distances.

@@ -2,6 +2,8 @@
 // definitions, against the textbook Ward and the minimum spanning tree on the wine data, and
 // through the disk store, the cache and the checks on the input.
 #include <mvda/cluster/dendrogram.h>
+#include <mvda/cluster/detail/lazy_sorted_list.h>
+#include <mvda/cluster/detail/ward_list.h>
 #include <mvda/cluster/distance_calculators.h>
 #include <mvda/cluster/mega_distances.h>
 #include <mvda/containers/data_matrix.h>
@@ -240,6 +242,53 @@ TEST(Clustering, MatchesBruteForceOnSmallRandomSets) {
     Tree got{GetDendroGram(m, single, nullptr, nullptr)};
     Tree want{Build(12, BruteSingleLinkage(x))};
     ASSERT_TRUE(*got.root == *want.root) << "single linkage";
+  }
+}
+
+// Identity of the calculator's list with the straightforward one on whole analyses, where the
+// recomputed distances are real Ward values: sets of up to 90 rows, complete, with missing values
+// and with ties, the initial list handed out in pieces of every size (the first one sorted out of
+// copies made with the distances once the list holds more than one piece). Single linkage in
+// pieces against the brute force on the smaller of the same sets.
+// Sets the internal switches for one set of a test and puts them back when it ends, also when an
+// assertion ends it early.
+struct Switches {
+  explicit Switches(std::size_t piece) { mvda::detail::SetLazySortPieceLimit(piece); }
+  Switches(const Switches&) = delete;
+  ~Switches() {
+    mvda::detail::SetLazySortPieceLimit(0);
+    mvda::detail::UseStraightforwardWardList(false);
+  }
+};
+
+TEST(Clustering, LargerTreesInPiecesMatchTheReferences) {
+  std::mt19937 random(99);
+  // From 4 columns on, two rows with a hole each still share the k = 2 columns that are needed.
+  std::uniform_int_distribution<int> rows(15, 90), columns(4, 7);
+  const std::size_t pieces[] = {1, 13, 200, 0};
+  for (int set = 0; set < 240; ++set) {
+    const bool missing = set % 3 == 1, ties = set % 3 == 2;
+    const int n = rows(random);
+    const Rows x = RandomRows(random, n, columns(random), missing, ties);
+    const NCDataMatrix<float> m = Matrix(x);
+    const int type = (set / 3) % 2;
+    const Switches switches(pieces[(set / 6) % 4]);
+    SCOPED_TRACE(testing::Message() << "set " << set << ", " << n << " rows"
+                                    << (missing ? ", missing" : "") << (ties ? ", ties" : "")
+                                    << ", type " << type << ", piece " << pieces[(set / 6) % 4]);
+    WardDistanceCalculator fast(static_cast<WardDistanceCalculator::DistanceType>(type));
+    Tree got{GetDendroGram(m, fast, nullptr, nullptr)};
+    mvda::detail::UseStraightforwardWardList(true);
+    WardDistanceCalculator plain(static_cast<WardDistanceCalculator::DistanceType>(type));
+    Tree want{GetDendroGram(m, plain, nullptr, nullptr)};
+    mvda::detail::UseStraightforwardWardList(false);
+    ASSERT_TRUE(*got.root == *want.root);
+    if (type == 0 && n <= 60) {  // the brute force costs n^3
+      SingleLinkageDistanceCalculator single;
+      Tree linked{GetDendroGram(m, single, nullptr, nullptr)};
+      Tree brute{Build(n, BruteSingleLinkage(x))};
+      ASSERT_TRUE(*linked.root == *brute.root) << "single linkage";
+    }
   }
 }
 

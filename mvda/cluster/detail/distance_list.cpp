@@ -8,35 +8,18 @@
 
 namespace mvda::detail {
 
-void SortForPopping(std::vector<DistanceAndIndex>& list, std::size_t from, std::size_t to,
-                    int team) {
+void SortForPopping(DistanceAndIndex* from, DistanceAndIndex* to, int team) {
   const auto in_front = [](const DistanceAndIndex& a, const DistanceAndIndex& b) {
     return PopsBefore(b, a);
   };
   // Below this the threads cost more than they save.
   constexpr std::size_t kParallelFrom = 1 << 16;
-  if (team > 1 && to - from >= kParallelFrom)
+  if (team > 1 && to - from >= static_cast<std::ptrdiff_t>(kParallelFrom))
     // The in-place quicksort: a merge sort would need a second list, and memory is what a large
     // list is short of.
-    __gnu_parallel::sort(list.begin() + from, list.begin() + to, in_front,
-                         __gnu_parallel::balanced_quicksort_tag(team));
+    __gnu_parallel::sort(from, to, in_front, __gnu_parallel::balanced_quicksort_tag(team));
   else
-    std::sort(list.begin() + from, list.begin() + to, in_front);
-}
-
-bool SortNextPiece(std::vector<DistanceAndIndex>& list, std::size_t& sorted_from,
-                   std::size_t& piece, int team) {
-  if (sorted_from == 0) return false;
-  const std::size_t take = std::min(std::max<std::size_t>(piece, 1), sorted_from);
-  const auto in_front = [](const DistanceAndIndex& a, const DistanceAndIndex& b) {
-    return PopsBefore(b, a);
-  };
-  const auto start = list.begin() + (sorted_from - take);
-  if (take < sorted_from) std::nth_element(list.begin(), start, list.end(), in_front);
-  sorted_from -= take;
-  SortForPopping(list, sorted_from, list.size(), team);
-  piece = 4 * take;
-  return true;
+    std::sort(from, to, in_front);
 }
 
 void CompactAfterMerge(std::vector<DistanceAndIndex>& list, int a, int b, int team) {

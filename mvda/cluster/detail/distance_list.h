@@ -1,5 +1,6 @@
-// The order of a distance list and the two list steps of Ward's lazy update, kept apart from the
-// calculators so that they can be checked on lists written by hand.
+// The order of a distance list and the two list steps of Ward's lazy update as they are described
+// (StraightforwardWardList is made of them), kept apart so that they can be checked on lists
+// written by hand.
 #ifndef MVDA_CLUSTER_DETAIL_DISTANCE_LIST_H_
 #define MVDA_CLUSTER_DETAIL_DISTANCE_LIST_H_
 
@@ -7,11 +8,39 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <memory>
+#include <new>
+#include <utility>
 #include <vector>
 
 namespace mvda::detail {
 
 using DendroGram::DistanceAndIndex;
+
+// An allocator that leaves new elements of a trivial type uninitialised. The distance list is
+// written in full by the workers right after it is sized; zeroing 12 bytes a pair first would cost
+// a pass over the whole list.
+template <class T>
+struct UninitialisedAllocator : std::allocator<T> {
+  template <class U>
+  struct rebind {
+    using other = UninitialisedAllocator<U>;
+  };
+  UninitialisedAllocator() = default;
+  template <class U>
+  UninitialisedAllocator(const UninitialisedAllocator<U>&) noexcept {}
+  template <class U>
+  void construct(U* p) noexcept {
+    ::new (static_cast<void*>(p)) U;
+  }
+  template <class U, class... Args>
+  void construct(U* p, Args&&... args) {
+    ::new (static_cast<void*>(p)) U(std::forward<Args>(args)...);
+  }
+};
+
+// The list of all pairs as computed.
+using DistanceList = std::vector<DistanceAndIndex, UninitialisedAllocator<DistanceAndIndex>>;
 
 // Whether `a` is merged before `b`: the smaller distance first, and among equal distances the
 // smaller first row, then the smaller second row. A list is sorted by decreasing distance and
@@ -23,18 +52,9 @@ inline bool PopsBefore(const DistanceAndIndex& a, const DistanceAndIndex& b) {
   return a.second < b.second;
 }
 
-// Sorts list[from, to) so that it pops in order from the back. In parallel when `team` > 1; the
+// Sorts [from, to) so that it pops in order from the back. In parallel when `team` > 1; the
 // order is total, so the result does not depend on the team.
-void SortForPopping(std::vector<DistanceAndIndex>& list, std::size_t from, std::size_t to,
-                    int team);
-
-// For a list popped from the back whose back list[sorted_from, end) is used up (sorted_from ==
-// size): moves the `piece` entries of list[0, sorted_from) that pop first to its back, sorts them,
-// lowers sorted_from to their start and makes `piece` four times as large. Pops then come in the
-// order of a fully sorted list, but only the part of the list that is reached gets sorted. False
-// when nothing is left.
-bool SortNextPiece(std::vector<DistanceAndIndex>& list, std::size_t& sorted_from,
-                   std::size_t& piece, int team);
+void SortForPopping(DistanceAndIndex* from, DistanceAndIndex* to, int team);
 
 // Ward, after the stale tail list[tail, end) has been recomputed: sorts the tail by decreasing
 // distance and inserts its entries one by one into list[0, tail), each just behind the last entry

@@ -1,12 +1,15 @@
-#include <mvda/cluster/detail/distance_list.h>
 #include <mvda/cluster/detail/pair_distances.h>
 #include <mvda/containers/detail/parallel_for.h>
 #include <mvda/platform/progress.h>
 
+#include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <new>
 #include <stdexcept>
+#include <utility>
 
 #include <boost/thread/thread.hpp>
 
@@ -53,82 +56,168 @@ RowTable::RowTable(const NCDataMatrix<float>& data)
     : rows_(data.SizeRows()), columns_(data.SizeColumns()) {
   row_.reserve(rows_);
   missing_.reserve(rows_);
+  const int tiles = (rows_ + kLanes - 1) / kLanes;
+  tiles_.assign(static_cast<std::size_t>(tiles) * columns_ * kLanes, kMissing);
+  tile_complete_.assign(tiles, 1);
   for (int i = 1; i <= rows_; ++i) {
     row_.push_back(data[i].begin());
     missing_.push_back(data[i].GetNumMisVal());
+    const int t = (i - 1) / kLanes, l = (i - 1) % kLanes;
+    float* tile = tiles_.data() + static_cast<std::size_t>(t) * columns_ * kLanes;
+    for (int c = 0; c < columns_; ++c) tile[c * kLanes + l] = row_.back()[c];
+    if (missing_.back() != 0) tile_complete_[t] = 0;
   }
+  if (rows_ % kLanes != 0) tile_complete_[tiles - 1] = 0;  // the padding reads as missing
 }
 
 float RowTable::Distance(int i, int j, PairFunctions fn) const {
-  const float* x = row_[i - 1];
-  const float* y = row_[j - 1];
-  double s = 0.0;
-  if (missing_[i - 1] == 0 && missing_[j - 1] == 0) {
-    for (int c = 0; c < columns_; ++c) {
-      const float d = x[c] - y[c];
-      s += static_cast<double>(d * d * fn.factor);
+  DistanceAndIndex out;
+  RowDistances(i, j, j, fn, &out);
+  return out.distance;
+}
+
+namespace {
+
+// Eight lanes of floats, doubles and 32-bit masks: vector extensions of the compiler, which maps
+// them onto the target's vector registers.
+typedef float Floats __attribute__((vector_size(32)));
+typedef std::int32_t Masks __attribute__((vector_size(32)));
+typedef float HalfFloats __attribute__((vector_size(16)));
+typedef double HalfDoubles __attribute__((vector_size(32)));
+typedef std::int32_t HalfMasks __attribute__((vector_size(16)));
+static_assert(RowTable::kLanes == 8, "the lanes are eight vector elements");
+
+// s_low, s_high += the eight float terms, each widened to double. (Vectors go by reference: as
+// values their calling convention would depend on the target.)
+__attribute__((always_inline)) inline void AddWidened(const Floats& terms, HalfDoubles& s_low,
+                                                      HalfDoubles& s_high) {
+  const HalfFloats low = __builtin_shufflevector(terms, terms, 0, 1, 2, 3);
+  const HalfFloats high = __builtin_shufflevector(terms, terms, 4, 5, 6, 7);
+  s_low += __builtin_convertvector(low, HalfDoubles);
+  s_high += __builtin_convertvector(high, HalfDoubles);
+}
+
+// s *= columns / common where some but not all columns are common.
+__attribute__((always_inline)) inline void Scale(HalfDoubles& s, const HalfMasks& common,
+                                                 int columns) {
+  const HalfDoubles counts = __builtin_convertvector(common, HalfDoubles);
+  const HalfDoubles width = HalfDoubles{} + columns;
+  const HalfDoubles ratio = width / (counts > 0.0 ? counts : width);
+  s = counts > 0.0 && counts < width ? s * ratio : s;
+}
+
+// The sums of row x against one tile, lanes side by side. Per lane: s = sum over the columns both
+// rows have of (x - y)^2 * factor, each term in float and added in double, column by column; an
+// absent column adds +0, which leaves s as it is.
+__attribute__((always_inline)) inline void SumTile(const float* x, bool complete, const float* tile,
+                                                   int columns, float factor, HalfDoubles& s_low,
+                                                   HalfDoubles& s_high) {
+  constexpr int kLanes = RowTable::kLanes;
+  s_low = s_high = HalfDoubles{};
+  if (complete) {
+    for (int c = 0; c < columns; ++c) {
+      Floats y;
+      std::memcpy(&y, tile + c * kLanes, sizeof y);
+      const Floats d = x[c] - y;
+      AddWidened(d * d * factor, s_low, s_high);
     }
-  } else {
-    int common = 0;
-    for (int c = 0; c < columns_; ++c) {
-      if (x[c] == kMissing || y[c] == kMissing) continue;
-      const float d = x[c] - y[c];
-      s += static_cast<double>(d * d * fn.factor);
-      ++common;
-    }
-    // The admission check guarantees common columns; two rows without any are as far apart as
-    // nothing tells (0) rather than NaN, which would break the order of the list.
-    if (common > 0 && common < columns_) s *= static_cast<double>(columns_) / common;
+    return;
   }
-  const float v = static_cast<float>(s);
-  return fn.root ? std::sqrt(v) : v;
+  Masks common = {};
+  for (int c = 0; c < columns; ++c) {
+    Floats y;
+    std::memcpy(&y, tile + c * kLanes, sizeof y);
+    const float xc = x[c];
+    const Masks present = (y != kMissing) & (xc != kMissing ? -1 : 0);
+    const Floats d = xc - y;
+    // Terms of absent columns are cleared bit by bit: whatever they hold (an overflow to infinity
+    // included) they add +0.
+    const Floats terms =
+        reinterpret_cast<Floats>(reinterpret_cast<Masks>(d * d * factor) & present);
+    AddWidened(terms, s_low, s_high);
+    common -= present;  // a present lane's mask is -1
+  }
+  // The admission check guarantees common columns; two rows without any are as far apart as
+  // nothing tells (0) rather than NaN, which would break the order of the list.
+  const HalfMasks common_low = __builtin_shufflevector(common, common, 0, 1, 2, 3);
+  const HalfMasks common_high = __builtin_shufflevector(common, common, 4, 5, 6, 7);
+  Scale(s_low, common_low, columns);
+  Scale(s_high, common_high, columns);
+}
+
+// The distances of row i (values x) to rows j .. last, as RowTable::RowDistances describes.
+// Compiled twice where the processor may have AVX2, which does eight lanes in one register
+// instead of two; the arithmetic is the same either way.
+#if defined(__GNUC__) && defined(__x86_64__) && !defined(__clang__)
+__attribute__((target_clones("avx2", "default")))
+#endif
+void RowAgainstTiles(const float* x, bool x_complete, const float* tiles,
+                     const char* tile_complete, int columns, PairFunctions fn, int i, int j,
+                     int last, DistanceAndIndex* out) {
+  constexpr int kLanes = RowTable::kLanes;
+  const std::size_t stride = static_cast<std::size_t>(columns) * kLanes;
+  // Tile by tile; the first is shared with rows before j and the last with rows after `last` (or
+  // the padding), so their sums are made and partly used.
+  while (j <= last) {
+    const int t = (j - 1) / kLanes;
+    HalfDoubles s_low, s_high;
+    SumTile(x, x_complete && tile_complete[t], tiles + t * stride, columns, fn.factor, s_low,
+            s_high);
+    const HalfFloats v_low = __builtin_convertvector(s_low, HalfFloats);
+    const HalfFloats v_high = __builtin_convertvector(s_high, HalfFloats);
+    const int to = std::min(last, (t + 1) * kLanes);
+    for (; j <= to; ++j) {
+      const int l = (j - 1) % kLanes;
+      const float v = l < 4 ? v_low[l] : v_high[l - 4];
+      *out++ = {fn.root ? std::sqrt(v) : v, i, j};
+    }
+  }
+}
+
+}  // namespace
+
+void RowTable::RowDistances(int i, int j, int last, PairFunctions fn, DistanceAndIndex* out) const {
+  RowAgainstTiles(row_[i - 1], missing_[i - 1] == 0, tiles_.data(), tile_complete_.data(), columns_,
+                  fn, i, j, last, out);
 }
 
 InitDistancesThreadClass::InitDistancesThreadClass(const RowTable& rows, PairFunctions fn,
-                                                   int first, int last, DistanceAndIndex* list)
-    : rows_(&rows), fn_(fn), first_(first), last_(last), list_(list) {}
+                                                   int first, int last, DistanceAndIndex* list,
+                                                   std::uint32_t* counts, int bits,
+                                                   DistanceList* low, int low_bins)
+    : rows_(&rows),
+      fn_(fn),
+      first_(first),
+      last_(last),
+      list_(list),
+      counts_(counts),
+      bits_(bits),
+      low_(low),
+      low_bins_(low ? low_bins : 0) {}
 
-int RowTable::CompleteDistances(int i, int j, PairFunctions fn, float* out) const {
-  if (missing_[i - 1] != 0 || j + 3 > rows_) return 0;
-  for (int k = 0; k < 4; ++k)
-    if (missing_[j - 1 + k] != 0) return 0;
-  const float* x = row_[i - 1];
-  const float* y0 = row_[j - 1];
-  const float* y1 = row_[j];
-  const float* y2 = row_[j + 1];
-  const float* y3 = row_[j + 2];
-  double s0 = 0.0, s1 = 0.0, s2 = 0.0, s3 = 0.0;
-  for (int c = 0; c < columns_; ++c) {
-    const float xc = x[c];
-    const float d0 = xc - y0[c], d1 = xc - y1[c], d2 = xc - y2[c], d3 = xc - y3[c];
-    s0 += static_cast<double>(d0 * d0 * fn.factor);
-    s1 += static_cast<double>(d1 * d1 * fn.factor);
-    s2 += static_cast<double>(d2 * d2 * fn.factor);
-    s3 += static_cast<double>(d3 * d3 * fn.factor);
-  }
-  const double s[4] = {s0, s1, s2, s3};
-  for (int k = 0; k < 4; ++k) {
-    const float v = static_cast<float>(s[k]);
-    out[k] = fn.root ? std::sqrt(v) : v;
-  }
-  return 4;
-}
-
-void InitDistancesThreadClass::operator()() const noexcept {
+void InitDistancesThreadClass::operator()() noexcept {
   const int n = rows_->Rows();
   if (first_ > last_) return;
   DistanceAndIndex* out = list_ + PairIndex(first_, first_ + 1, n);
-  float four[4];
-  for (int i = first_; i <= last_; ++i) {
-    for (int j = i + 1; j <= n;) {
-      if (rows_->CompleteDistances(i, j, fn_, four) == 4) {
-        for (int k = 0; k < 4; ++k) *out++ = {four[k], i, j + k};
-        j += 4;
-      } else {
-        *out++ = {rows_->Distance(i, j, fn_), i, j};
-        ++j;
+  for (int i = first_; i <= last_ && i < n; ++i) {
+    rows_->RowDistances(i, i + 1, n, fn_, out);
+    if (counts_) {
+      // The row's entries are still in the cache.
+      for (int k = 0; k < n - i; ++k) {
+        const int bin = LazySortedList::Bin(out[k].distance, bits_);
+        ++counts_[bin];
+        if (bin >= low_bins_) continue;
+        try {
+          low_->push_back(out[k]);
+        } catch (const std::bad_alloc&) {
+          // The first piece is then copied out of the list instead.
+          DistanceList().swap(*low_);
+          low_bins_ = 0;
+          low_failed_ = true;
+        }
       }
     }
+    out += n - i;
   }
 }
 
@@ -143,11 +232,15 @@ void ComputePairRange(const RowTable& rows, PairFunctions fn, std::uint64_t firs
     std::uint64_t first, count;
     DistanceAndIndex* out;
     void operator()() const noexcept {
+      const int n = rows->Rows();
       int i = 0, j = 0;
-      PairAt(first, rows->Rows(), i, j);
-      for (std::uint64_t k = 0; k < count; ++k) {
-        out[k] = {rows->Distance(i, j, fn), i, j};
-        if (++j > rows->Rows()) ++i, j = i + 1;
+      PairAt(first, n, i, j);
+      for (std::uint64_t k = 0; k < count;) {
+        // The rest of row i, or as much of it as the share holds.
+        const int last = static_cast<int>(std::min<std::uint64_t>(n, j + (count - k) - 1));
+        rows->RowDistances(i, j, last, fn, out + k);
+        k += static_cast<std::uint64_t>(last - j + 1);
+        ++i, j = i + 1;
       }
     }
   };
@@ -162,12 +255,53 @@ void ComputePairRange(const RowTable& rows, PairFunctions fn, std::uint64_t firs
   RunOnThreads(shares);
 }
 
+namespace {
+
+// Chooses the bins whose entries the workers copy as they make them (BinCounts::low): those of
+// the first piece, as far as a sample of up to 2^16 pairs spread evenly over the list tells (the
+// piece may come out a percent or so larger than the limit). Worth it only for lists of more than
+// one piece.
+void CollectLowBins(const RowTable& rows, PairFunctions fn, std::uint32_t m,
+                    const std::vector<std::pair<int, int>>& bands, BinCounts& counts) {
+  counts.low_bins = 0;
+  counts.low.clear();
+  const std::size_t limit = LazySortedList::PieceLimit(m);
+  if (m <= limit) return;
+  const std::uint64_t sample = std::min<std::uint64_t>(m, 1 << 16);
+  std::vector<std::uint32_t> sampled(std::size_t(1) << counts.bits, 0);
+  for (std::uint64_t s = 0; s < sample; ++s) {
+    int i = 0, j = 0;
+    PairAt((2 * s + 1) * m / (2 * sample), rows.Rows(), i, j);
+    ++sampled[LazySortedList::Bin(rows.Distance(i, j, fn), counts.bits)];
+  }
+  const double scale = static_cast<double>(m) / sample;
+  double expected = 0.0;
+  int low_bins = 0;
+  while (low_bins < static_cast<int>(sampled.size()) &&
+         expected + sampled[low_bins] * scale <= static_cast<double>(limit))
+    expected += sampled[low_bins++] * scale;
+  if (low_bins == 0) return;
+  try {
+    counts.low.resize(bands.size());
+    for (std::size_t b = 0; b < bands.size(); ++b) {
+      const double share = static_cast<double>(counts.starts[b + 1] - counts.starts[b]) / m;
+      counts.low[b].reserve(static_cast<std::size_t>(1.2 * expected * share) + 4096);
+    }
+  } catch (const std::bad_alloc&) {
+    counts.low.clear();
+    return;
+  }
+  counts.low_bins = low_bins;
+}
+
+}  // namespace
+
 void CheckRowCount(int n) {
   if (n > std::sqrt(4294967294.0)) throw NCError(DendroGram::ClusterAllocationError::Text(n));
 }
 
 void ComputeDistanceList(const NCDataMatrix<float>& data, PairFunctions fn, NCProgress* progress,
-                         std::vector<DistanceAndIndex>& list, bool sort) {
+                         DistanceList& list, BinCounts* counts) {
   const int n = data.SizeRows();
   CheckRowCount(n);
   if (progress) {
@@ -197,17 +331,34 @@ void ComputeDistanceList(const NCDataMatrix<float>& data, PairFunctions fn, NCPr
   const int team = TeamSize();
   const RowTable rows(data);
   const std::vector<int> starts = BandStarts(n, team);
-  std::vector<InitDistancesThreadClass> workers;
+  std::vector<std::pair<int, int>> bands;
   for (std::size_t b = 0; b + 1 < starts.size(); ++b)
-    if (starts[b] < starts[b + 1])
-      workers.emplace_back(rows, fn, starts[b], starts[b + 1] - 1, list.data());
+    if (starts[b] < starts[b + 1]) bands.emplace_back(starts[b], starts[b + 1] - 1);
+  if (counts) {
+    // One chunk per band, each with its own counters.
+    counts->bits = LazySortedList::BinBits(m);
+    counts->starts.clear();
+    for (const auto& band : bands)
+      counts->starts.push_back(PairIndex(band.first, band.first + 1, n));
+    counts->starts.push_back(m);
+    counts->counts.assign(bands.size() << counts->bits, 0);
+    CollectLowBins(rows, fn, m, bands, *counts);
+  }
+  std::vector<InitDistancesThreadClass> workers;
+  for (std::size_t b = 0; b < bands.size(); ++b)
+    workers.emplace_back(
+        rows, fn, bands[b].first, bands[b].second, list.data(),
+        counts ? counts->counts.data() + (b << counts->bits) : nullptr, counts ? counts->bits : 0,
+        counts && !counts->low.empty() ? &counts->low[b] : nullptr, counts ? counts->low_bins : 0);
   if (!workers.empty()) RunOnThreads(workers);
+  if (counts)
+    for (const InitDistancesThreadClass& worker : workers)
+      if (worker.LowFailed()) counts->low.clear(), counts->low_bins = 0;
   if (progress) {
     progress->SetValue(2);
     progress->SetText("Sorting");
+    progress->SetValue(3);
   }
-  if (sort) SortForPopping(list, 0, list.size(), team);
-  if (progress) progress->SetValue(3);
 }
 
 }  // namespace mvda::detail

@@ -3,6 +3,8 @@
 #ifndef MVDA_CLUSTER_DETAIL_PAIR_DISTANCES_H_
 #define MVDA_CLUSTER_DETAIL_PAIR_DISTANCES_H_
 
+#include <mvda/cluster/detail/distance_list.h>
+#include <mvda/cluster/detail/lazy_sorted_list.h>
 #include <mvda/cluster/distance_calculators.h>
 #include <mvda/containers/data_matrix.h>
 
@@ -26,22 +28,29 @@ struct PairFunctions {
   bool root;
 };
 
-// Row pointers and missing counts of a matrix, read by every worker.
+// The rows of a matrix laid out for the distance loops, read by every worker: besides each row
+// as it is, the rows in tiles of kLanes, column after column, so that one row's distances to
+// kLanes others come out of one pass over its columns with the lanes side by side (the processor
+// runs them in its vector registers). Every distance is summed in the same order, with the same
+// float and double steps, as one pair at a time would be: the results are the same to the bit.
 class RowTable {
  public:
+  static constexpr int kLanes = 8;
+
   explicit RowTable(const NCDataMatrix<float>& data);
   int Rows() const { return rows_; }
   float Distance(int i, int j, PairFunctions fn) const;  // 1-based rows
-  // The distances of row i to rows j .. j+3 into out[0..3] when all five rows are complete, and
-  // 4; else 0 and nothing. Each sum runs in the same order as Distance's, so the values are the
-  // same to the bit; only the four chains of additions overlap, which the processor runs side by
-  // side where one chain would wait on each addition.
-  int CompleteDistances(int i, int j, PairFunctions fn, float* out) const;
+  // The distances of row i to rows j .. last (i < j <= last <= Rows()) into out[0 .. last - j].
+  void RowDistances(int i, int j, int last, PairFunctions fn, DistanceAndIndex* out) const;
 
  private:
   int rows_, columns_;
   std::vector<const float*> row_;  // row_[i][0 .. columns-1] is row i + 1
   std::vector<int> missing_;
+  // Tile t holds rows kLanes t + 1 .. kLanes (t + 1): tiles_[(t columns + c) kLanes + l] is
+  // column c of row kLanes t + l + 1 (rows past the end read as missing).
+  std::vector<float> tiles_;
+  std::vector<char> tile_complete_;  // no missing value in the tile
 };
 
 // The position of the pair (i, j), i < j (1-based rows of n), in the list ordered by i, then j:
@@ -90,30 +99,43 @@ inline std::vector<int> BandStarts(int n, int threads) {
 }
 
 // The worker of one band: computes the pairs of rows first .. last (j from i+1 to n, in order)
-// into the list from position PairIndex(first, first + 1, n) on.
+// into the list from position PairIndex(first, first + 1, n) on. When `counts` is given, it also
+// counts them by bin (2^bits counters) and copies those of the bins below low_bins to `low`: the
+// merging then needs no pass over the whole list for its first piece.
 class InitDistancesThreadClass {
  public:
   InitDistancesThreadClass(const RowTable& rows, PairFunctions fn, int first, int last,
-                           DistanceAndIndex* list);
-  void operator()() const noexcept;
+                           DistanceAndIndex* list, std::uint32_t* counts = nullptr, int bits = 0,
+                           DistanceList* low = nullptr, int low_bins = 0);
+  void operator()() noexcept;
+  // Whether the copies could not all be kept (memory); `low` is then emptied.
+  bool LowFailed() const { return low_failed_; }
 
  private:
   const RowTable* rows_;
   PairFunctions fn_;
   int first_, last_;
   DistanceAndIndex* list_;
+  std::uint32_t* counts_;
+  int bits_;
+  DistanceList* low_;
+  int low_bins_;
+  bool low_failed_ = false;
 };
 
 // Records first .. first+count-1 of the list, by `threads` boost threads over equal shares.
 void ComputePairRange(const RowTable& rows, PairFunctions fn, std::uint64_t first,
                       std::uint64_t count, DistanceAndIndex* out, int threads);
 
-// The in-memory list of all pairs, sorted to pop in merge order when `sort` is true. Throws
-// NCError for n >= 65536 before allocating anything, and ClusterAllocationError when the list
-// (12 bytes a pair) exceeds the memory limit or the allocator refuses it. Progress: range 0..3
-// with the texts "Allocating memory", "Calculating <M> distances", "Sorting".
+// The in-memory list of all pairs, in row order (LazySortedList puts it in merge order as far as
+// it is needed), and, when `counts` is given, its counts by bin and (for lists of more than one
+// piece) copies of the bins of the first piece. Throws NCError for n >= 65536 before
+// allocating anything, and ClusterAllocationError when the list (12 bytes a pair) exceeds the
+// memory limit or the allocator refuses it. Progress: range 0..3 with the texts "Allocating
+// memory", "Calculating <M> distances", "Sorting" (the hosts show the three steps; the sorting
+// itself happens as the merging goes).
 void ComputeDistanceList(const NCDataMatrix<float>& data, PairFunctions fn, NCProgress* progress,
-                         std::vector<DistanceAndIndex>& list, bool sort);
+                         DistanceList& list, BinCounts* counts = nullptr);
 
 // Throws the "Memory allocation error." NCError when n rows are too many for a 32-bit pair count.
 void CheckRowCount(int n);

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs, only when missing, every Debian package that the library, its tests, its benchmarks
-# and the command-line tool need. Safe to run again: a machine that has everything is left alone.
+# and the command-line tool need (chromium: the test that opens the HTML report headless). Safe
+# to run again: a machine that has everything is left alone.
 set -euo pipefail
 
 packages=(
@@ -12,6 +13,7 @@ packages=(
   libmd-dev
   libcli11-dev libcsv-dev nlohmann-json3-dev
   clang libclang-rt-14-dev
+  chromium
 )
 
 missing=()

@@ -12,6 +12,7 @@ namespace mvda::detail {
 // library that must write one shared slot, rather than elements of its own, goes through here, so
 // that the section is one lock with one list of what it guards. It guards:
 //   - the first-exception slot of FirstException (any parallel loop of any subsystem);
+//   - the predicted scores T' of NCPCAPred, one column per observation (models/pca_pred.cpp);
 //   - any other single shared slot a parallel loop updates; add it to this list when you use it.
 // Keep the action tiny and never throw from it. It also works from threads that OpenMP did not
 // start (the boost column workers).

@@ -11,7 +11,10 @@
 #include <mvda/containers/multi_threading.h>
 #include <mvda/containers/string_vector.h>
 #include <mvda/models/pca.h>
+#include <mvda/models/pca_pred.h>
 #include <mvda/models/pls.h>
+#include <mvda/models/pls_pred.h>
+#include <mvda/models/pls_residuals.h>
 #include <mvda/platform/byte_io.h>
 #include <mvda/platform/error.h>
 #include <mvda/platform/language_string.h>
@@ -25,5 +28,10 @@
 #include <mvda/platform/user_comm.h>
 #include <mvda/preprocess/scale.h>
 #include <mvda/spc/control_chart.h>
+#include <mvda/validation/component_validators.h>
+#include <mvda/validation/cv_groups.h>
+#include <mvda/validation/pca_cross_validation.h>
+#include <mvda/validation/pls_cross_validation.h>
+#include <mvda/validation/significance.h>
 
 #endif  // MVDA_MVDA_H_

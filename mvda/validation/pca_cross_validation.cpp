@@ -1,0 +1,378 @@
+// PCACrossValidation: the per-group fits, the cell predictions, Q2 and the Q2 limit.
+#include <mvda/containers/detail/masked_kernels.h>
+#include <mvda/containers/detail/parallel_for.h>
+#include <mvda/containers/detail/work_grid.h>
+#include <mvda/platform/error.h>
+#include <mvda/platform/language_string.h>
+#include <mvda/validation/cv_groups.h>
+#include <mvda/validation/pca_cross_validation.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace {
+
+using Matrix = PCACrossValidation::Matrix;
+using Vector = PCACrossValidation::Vector;
+using GroupVector = PCACrossValidation::GroupVector;
+
+constexpr float kMis = -99.0f;
+// Sums of squares below this (ten times the smallest normal float) count as none left.
+constexpr double kNoSS = 1.1754943508222875e-37;
+// One component that predicts worse than nothing lowers the cumulative Q2 by at most a tenth of
+// what remains, as if its PRESS were 1.1 times its SS.
+constexpr double kMaxPressRatio = 1.1;
+
+[[noreturn]] void Fail(const char* place, const std::string& fault) {
+  throw NCError(std::string("PCACrossValidation::") + place + ": " + fault);
+}
+
+std::string Shape(long long rows, long long cols) {
+  return std::to_string(rows) + " x " + std::to_string(cols);
+}
+
+const Matrix& ResidualsOf(const NCPCA* model) {
+  if (!model) Fail("PCACrossValidation", "null model");
+  return *model->GetResiduals();
+}
+
+// The caller's codes (copied, so that later changes of theirs do not reach this object) or the
+// default ones; checked for length and range, and every group must leave something outside it
+// to fit on.
+GroupVector MakeGroups(const GroupVector* given, int n, int groups, const char* what) {
+  if (!given) return GetDeafultCVGroupsVector(n, groups);
+  if (given->Size() != n)
+    Fail("PCACrossValidation", std::string(what) + " groups of length " +
+                                   std::to_string(given->Size()) + " for " + std::to_string(n) +
+                                   " " + what + "s");
+  std::vector<int> members(static_cast<std::size_t>(groups), 0);
+  for (int i = 1; i <= n; ++i) {
+    const int code = (*given)[i];
+    if (code < 0 || code >= groups)
+      Fail("PCACrossValidation", std::string(what) + " " + std::to_string(i) + " in group " +
+                                     std::to_string(code) + ", codes run 0.." +
+                                     std::to_string(groups - 1));
+    ++members[static_cast<std::size_t>(code)];
+  }
+  for (int g = 0; g < groups; ++g)
+    if (members[static_cast<std::size_t>(g)] == n)
+      Fail("PCACrossValidation", std::string(what) + " group " + std::to_string(g) + " holds all " +
+                                     std::to_string(n) + " " + what + "s, none left to fit on");
+  GroupVector codes;
+  codes.CopyContent(*given);
+  return codes;
+}
+
+// Runs fit() with the reporter's next range confined to from..to, and pops that range on every
+// path, so that a stop leaves the host's reporter as it found it.
+template <class Fit>
+void InSubRange(NCProgress* reporter, double from, double to, Fit&& fit) {
+  reporter->PushSubRange(from, to);
+  try {
+    fit();
+  } catch (...) {
+    reporter->PopSubRange();
+    throw;
+  }
+  reporter->PopSubRange();
+}
+
+using Mask = mvda::detail::MaskOf<float>;
+using mvda::detail::KeepBits;
+using mvda::detail::PresentMask;
+
+// a where mask is all ones, b where it is 0.
+inline float Select(float a, float b, Mask mask) {
+  Mask x, y;
+  std::memcpy(&x, &a, sizeof x);
+  std::memcpy(&y, &b, sizeof y);
+  x = (x & mask) | (y & ~mask);
+  std::memcpy(&a, &x, sizeof a);
+  return a;
+}
+
+// The rows of E outside observation group g, sharing E's row buffers (no element is copied).
+// Chosen for speed, since the order changes the fitted loading by rounding only: without missing
+// values, the other groups one after another, each in increasing row order; with missing values,
+// plain row order. With the default groups (row i in group i mod G) the rows of one group lie at
+// one fixed distance from each other in memory whenever E's rows do, so the regressions' BLAS
+// path reads each block in place instead of packing copies of unevenly spaced rows, which cost a
+// third of the cross-validation. The masked path of a matrix with missing values reads rows one by
+// one and runs faster over rows that follow each other in memory. Rows are swapped and removed, so
+// that only the removed rows are scanned for missing values.
+Matrix TrainingRows(const Matrix& E, const std::vector<GroupVector>& members, int g) {
+  const int rows = E.SizeRows(), groups = static_cast<int>(members.size());
+  const GroupVector& left = members[static_cast<std::size_t>(g)];
+  Matrix training = E;
+  if (E.GetNumMisVal() > 0) {
+    training.RemoveRows(left);
+    return training;
+  }
+  std::vector<int> at(static_cast<std::size_t>(rows) + 1), where(at.size());
+  for (int i = 0; i <= rows; ++i)
+    at[static_cast<std::size_t>(i)] = where[static_cast<std::size_t>(i)] = i;
+  int k = 0;
+  for (int h = 1; h <= groups; ++h)  // h = groups: group g itself, which goes last
+    for (const int i : members[static_cast<std::size_t>((g + h) % groups)]) {
+      const int from = where[static_cast<std::size_t>(i)];
+      if (++k == from) continue;
+      training.SwapRows(k, from);
+      const int moved = at[static_cast<std::size_t>(k)];
+      at[static_cast<std::size_t>(from)] = moved;
+      where[static_cast<std::size_t>(moved)] = from;
+      at[static_cast<std::size_t>(k)] = i;
+      where[static_cast<std::size_t>(i)] = k;
+    }
+  training.RemoveRows(rows - left.Size() + 1, left.Size());
+  return training;
+}
+
+// Cell (i, j) predicted as t(-v)_i q(-o)_j, v the group of variable j and o that of observation
+// i, written into out[i - 1]; ss and press receive the sums per variable over the cells predicted.
+// The rows of `out` are written in place (a buffer shared with someone else is copied first, and a
+// row of another length replaced), so that a caller can hand in the buffers of earlier results.
+// Rows run in parallel in the fixed bands of WorkGrid; each band sums its own columns and the band
+// sums are added in band order, so the thread count does not change a sum.
+void PredictCells(const Matrix& E, const Matrix& pset, const Matrix& tset,
+                  const GroupVector& observationGroups, const GroupVector& variableGroups,
+                  int groups, std::vector<Vector>& out, std::vector<double>& ss,
+                  std::vector<double>& press) {
+  const int rows = E.SizeRows(), cols = E.SizeColumns();
+  const mvda::detail::WorkGrid grid(rows, cols);
+  const std::size_t width = static_cast<std::size_t>(cols);
+  std::vector<double> bandSS(static_cast<std::size_t>(grid.bands) * width, 0.0);
+  std::vector<double> bandPress(bandSS.size(), 0.0);
+  const int* og = observationGroups.GetPtr();
+  const int* vg = variableGroups.GetPtr();
+  mvda::detail::ParallelFor(grid.bands, [&](int band) {
+    double* bs = bandSS.data() + static_cast<std::size_t>(band) * width;
+    double* bp = bandPress.data() + static_cast<std::size_t>(band) * width;
+    std::vector<float> scores(width);  // t(-v)_i of every variable's group v
+    for (int i = grid.BandBegin(band) + 1; i <= grid.BandEnd(band); ++i) {
+      const float* e = E[i].GetVector() + 1;
+      const Vector& loading = pset[og[i] + 1];
+      const float* q = loading.GetVector() + 1;
+      bool complete = E[i].GetNumMisVal() == 0 && loading.GetNumMisVal() == 0;
+      for (int v = 0; v < groups; ++v) complete = complete && tset[v + 1][i] != kMis;
+      for (std::size_t j = 0; j < width; ++j) scores[j] = tset[vg[j + 1] + 1][i];
+      Vector& row = out[static_cast<std::size_t>(i - 1)];
+      if (row.Size() != cols) row = Vector(cols);
+      row.Unlink();
+      float* r = row.GetVector() + 1;
+      int missing = 0;
+      if (complete) {  // the common case, without a test per cell
+        for (std::size_t j = 0; j < width; ++j) {
+          r[j] = e[j] - scores[j] * q[j];
+          bs[j] += static_cast<double>(e[j]) * e[j];
+          bp[j] += static_cast<double>(r[j]) * r[j];
+          missing += r[j] == kMis;
+        }
+      } else {
+        // Bit masks instead of branches, as in the library's masked kernels, so that the loop
+        // still vectorises: a skipped cell adds +0 to both sums and keeps e.
+        for (std::size_t j = 0; j < width; ++j) {
+          const float residual = e[j] - scores[j] * q[j];
+          const Mask keep = PresentMask(e[j]) & PresentMask(scores[j]) & PresentMask(q[j]);
+          const float x = KeepBits(e[j], keep), y = KeepBits(residual, keep);
+          r[j] = Select(residual, e[j], keep);
+          bs[j] += static_cast<double>(x) * x;
+          bp[j] += static_cast<double>(y) * y;
+          missing += r[j] == kMis;
+        }
+      }
+      row.SetNumMisVal(missing);
+    }
+  });
+  ss.assign(width, 0.0);
+  press.assign(width, 0.0);
+  for (int b = 0; b < grid.bands; ++b)
+    for (std::size_t j = 0; j < width; ++j) {
+      ss[j] += bandSS[b * width + j];
+      press[j] += bandPress[b * width + j];
+    }
+}
+
+// 1 - (1 - previous) min(press / ss, 1.1).
+double Cumulate(double previous, double press, double ss) {
+  return 1.0 - (1.0 - previous) * std::min(press / ss, kMaxPressRatio);
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------------------------
+// Construction
+
+PCACrossValidation::PCACrossValidation(NCPCA* model, float previousQ2TotCum,
+                                       const Vector& previousQ2XVarCum, int groups,
+                                       const GroupVector* observationGroups,
+                                       const GroupVector* variableGroups)
+    : model_(model) {
+  const Matrix& E = ResidualsOf(model);
+  const int rows = E.SizeRows(), cols = E.SizeColumns();
+  if (groups < 1) Fail("PCACrossValidation", std::to_string(groups) + " groups, at least 1 needed");
+  const int g = std::min({groups, rows, cols});
+  // One group would leave every cell out of every fit.
+  if (g < 2)
+    Fail("PCACrossValidation", std::to_string(groups) + " groups asked for residuals of " +
+                                   Shape(rows, cols) + " make " + std::to_string(g) +
+                                   ", at least 2 needed");
+  if (previousQ2XVarCum.Size() != cols)
+    Fail("PCACrossValidation", "previous cumulative Q2 of length " +
+                                   std::to_string(previousQ2XVarCum.Size()) + " for " +
+                                   std::to_string(cols) + " variables");
+  observation_groups_ = MakeGroups(observationGroups, rows, g, "observation");
+  variable_groups_ = MakeGroups(variableGroups, cols, g, "variable");
+  groups_ = g;
+  pset_ = Matrix(0, cols, 0.0f);
+  tset_ = Matrix(0, rows, 0.0f);
+  pset_.ReserveRows(g);
+  tset_.ReserveRows(g);
+  q2_x_var_ = Vector(cols, 0.0f);
+  q2_x_var_cum_.CopyContent(previousQ2XVarCum);
+  x_pred_residuals_ = Matrix(rows, cols, kMis);
+  q2_tot_cum_ = previousQ2TotCum;
+}
+
+PCACrossValidation::PCACrossValidation(NCPCA* model, int groups,
+                                       const GroupVector* observationGroups,
+                                       const GroupVector* variableGroups)
+    : PCACrossValidation(model, 0.0f, Vector(ResidualsOf(model).SizeColumns(), 0.0f), groups,
+                         observationGroups, variableGroups) {}
+
+PCACrossValidation::PCACrossValidation(const PCACrossValidation& other) = default;
+PCACrossValidation& PCACrossValidation::operator=(const PCACrossValidation& other) = default;
+PCACrossValidation::~PCACrossValidation() = default;
+
+// ---------------------------------------------------------------------------------------------
+// Cross-validation of one component
+
+void PCACrossValidation::NextComponent(const Vector& reference, NCProgress* progress) {
+  const Matrix& E = *model_->GetResiduals();
+  const int rows = E.SizeRows(), cols = E.SizeColumns(), G = groups_;
+  if (model_->GetComponents() < 1 || model_->GetPprim()->SizeRows() < 1)
+    Fail("NextComponent", "the model has no component to validate");
+  if (rows != observation_groups_.Size() || cols != variable_groups_.Size())
+    Fail("NextComponent", "residuals of " + Shape(rows, cols) + " for groups made for " +
+                              Shape(observation_groups_.Size(), variable_groups_.Size()));
+  const Vector& p = model_->GetPprim()->back();
+  const Vector& t = model_->GetTprim()->back();
+  if (p.Size() != cols || t.Size() != rows)
+    Fail("NextComponent", "last loading of length " + std::to_string(p.Size()) +
+                              " and scores of length " + std::to_string(t.Size()) +
+                              " for residuals of " + Shape(rows, cols));
+  if (reference.Size() != cols)
+    Fail("NextComponent", "reference of length " + std::to_string(reference.Size()) + " for " +
+                              std::to_string(cols) + " variables");
+
+  // The per-group fits start from the full model's component, so a few iterations suffice; a
+  // later component, nearer the noise, gets a few more.
+  const int A = model_->GetComponents();
+  const int limit = static_cast<int>(std::sqrt(static_cast<double>(A - 1)) + 5.0 + 1e-5);
+
+  std::shared_ptr<NCProgress> own;
+  NCProgress* reporter = progress;
+  if (!reporter) {
+    own = NCProgress::CreateDefault("", 0.0, 1.0);
+    reporter = own.get();
+  }
+  reporter->SetRange(0.0, G);
+
+  // The members of each observation group (for leaving them out) and the size of each variable
+  // group (for the score scale).
+  std::vector<GroupVector> groupRows(static_cast<std::size_t>(G));
+  std::vector<int> groupColumns(static_cast<std::size_t>(G), 0);
+  for (int i = 1; i <= rows; ++i)
+    groupRows[static_cast<std::size_t>(observation_groups_[i])].push_back(i);
+  for (int j = 1; j <= cols; ++j) ++groupColumns[static_cast<std::size_t>(variable_groups_[j])];
+
+  // Built aside, so that a stop in a fit leaves the previous results in place.
+  Matrix pset(0, cols, 0.0f), tset(0, rows, 0.0f);
+  pset.ReserveRows(G);
+  tset.ReserveRows(G);
+  Vector start;
+  for (int g = 0; g < G; ++g) {
+    // The loading without observation group g: the training rows share E's buffers.
+    reporter->SetText(LanguageString::Format(10157, g + 1));
+    const Matrix training = TrainingRows(E, groupRows, g);
+    training.Result(&start).SpecialNipalsRegressRowsFix(p);
+    NCPCA withoutRows(&training, limit);
+    InSubRange(reporter, g, g + 0.5,
+               [&] { withoutRows.NextComponent(reporter, nullptr, 0, &start); });
+    Vector loading = withoutRows.GetPprim()->back();
+    if (loading * p < 0) loading *= -1.0f;
+    pset.push_back(loading);
+
+    // The scores without variable group g, scaled up for the variables they lack.
+    reporter->SetText(LanguageString::Get(10158));
+    NCPCA withoutColumns(&E, limit);
+    InSubRange(reporter, g + 0.5, g + 1.0,
+               [&] { withoutColumns.NextComponent(reporter, &variable_groups_, g, &t); });
+    Vector scores = withoutColumns.GetTprim()->back();
+    float scale = std::sqrt(static_cast<float>(cols) /
+                            static_cast<float>(cols - groupColumns[static_cast<std::size_t>(g)]));
+    if (scores * t < 0) scale = -scale;
+    scores *= scale;
+    tset.push_back(scores);
+  }
+
+  // The cells go into the buffers of the previous results, which this object alone holds unless
+  // the host kept a copy: no second N x K allocation per call. From here on only an allocation
+  // failure could stop the call, and it would leave the cells incomplete.
+  std::vector<Vector> cellRows(x_pred_residuals_.begin(), x_pred_residuals_.end());
+  cellRows.resize(static_cast<std::size_t>(rows));
+  x_pred_residuals_.Clear();
+  std::vector<double> ssj, pressj;
+  PredictCells(E, pset, tset, observation_groups_, variable_groups_, G, cellRows, ssj, pressj);
+  Matrix cells(0, cols, 0.0f);
+  cells.ReserveRows(rows);
+  for (const Vector& row : cellRows) cells.push_back(row);
+  cellRows.clear();
+
+  Vector q2(cols, 0.0f), q2Cum(cols, 0.0f);
+  double ss = 0, press = 0;
+  for (int j = 1; j <= cols; ++j) {
+    const double ssv = ssj[static_cast<std::size_t>(j - 1)];
+    const double pressv = pressj[static_cast<std::size_t>(j - 1)];
+    ss += ssv;
+    press += pressv;
+    if (ssv >= kNoSS) {
+      q2(j, static_cast<float>((ssv - pressv) / ssv));
+      q2Cum(j, static_cast<float>(Cumulate(q2_x_var_cum_[j], pressv, ssv)));
+    } else {
+      // Nothing left to predict: fully explained by earlier components if there was something.
+      const double r = reference[j];
+      q2Cum(j, r != mvda::kMissing && r >= kNoSS ? 1.0f : 0.0f);
+    }
+  }
+  float q2Tot = 0, q2TotCum = 1;
+  if (!(ss < kNoSS)) {
+    q2Tot = static_cast<float>((ss - press) / ss);
+    q2TotCum = static_cast<float>(Cumulate(q2_tot_cum_, press, ss));
+  }
+
+  pset_.swap(pset);
+  tset_.swap(tset);
+  x_pred_residuals_.swap(cells);
+  q2_x_var_ = q2;
+  q2_x_var_cum_ = q2Cum;
+  q2_tot_ = q2Tot;
+  q2_tot_cum_ = q2TotCum;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Significance limit
+
+float PCACrossValidation::GetQ2Lim(int a, bool flag) const {
+  if (a < 1) return kMis;
+  const Matrix& E = *model_->GetResiduals();
+  const long long rows = E.SizeRows(), cols = E.SizeColumns(), c = flag ? 1 : 0;
+  const long long left = rows - c - a + 1, right = cols - a + 1;
+  if (left <= 0 || right <= 0) return 1.0f;
+  const float d = static_cast<float>(left * right);
+  return 1.0f - d / static_cast<float>((rows - a + 1) * (cols - a + 2));
+}

@@ -1,0 +1,161 @@
+// The tool's analyses: Dataset (the part of a CSV file an analysis works on), the settings and
+// results of PCA, PLS, prediction, clustering and control charts, and the functions that compute
+// them with the library. Printing, JSON and the report read these results and compute nothing.
+#ifndef MVDA_APPS_MVDA_ANALYSIS_H_
+#define MVDA_APPS_MVDA_ANALYSIS_H_
+
+#include <mvda/containers/data_matrix.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "csv_table.h"
+#include "model_file.h"
+
+namespace mvda::cli {
+
+using Matrix = NCDataMatrix<float>;
+
+// X (and Y for PLS) taken from a table by column name, with the observation names and the class
+// of each observation when a class column was named.
+struct Dataset {
+  std::string path;
+  std::vector<std::string> row_names;
+  std::vector<std::string> x_names;
+  Matrix x;
+  std::vector<std::string> y_names;
+  Matrix y;
+  std::string class_name;
+  std::vector<std::string> classes;  // one per observation, or empty
+};
+
+// X is every column of the table except the Y columns, the class column and the excluded ones.
+// ToolError for a name that is not a column, a Y column named twice or also excluded, and a data
+// set left without X variables.
+Dataset SelectData(const CsvTable& table, const std::vector<std::string>& y_columns,
+                   const std::string& class_column, const std::vector<std::string>& excluded);
+
+// "none", "center", "pareto", "uv" as NCScale codes; ToolError for another word.
+int ScalingCode(const std::string& name);
+
+struct FitSettings {
+  std::string scaling = "uv";
+  int groups = 7;
+  int components = 0;  // 0: as many as cross-validation finds significant
+  int max_iterations = 500;
+};
+
+// One row of the component table. Fractions are of the scaled data's sum of squares.
+struct ComponentRow {
+  int component = 0;
+  double r2x = 0, r2x_cum = 0;
+  double r2y = 0, r2y_cum = 0;  // PLS only
+  double q2 = 0, q2_cum = 0, q2_limit = 0;
+  std::vector<double> q2_y, q2_y_cum;  // PLS only: per response
+  std::string verdict;
+  bool kept = false;
+};
+
+struct ModelResult {
+  Dataset data;
+  FitSettings settings;
+  std::vector<ComponentRow> rows;
+  int components = 0;  // kept
+  Matrix tprim;        // components x observations
+  Matrix pprim;        // components x variables (PLS: the X loadings)
+  // PLS only
+  Matrix wstar_prim;                 // components x variables
+  Matrix cprim;                      // components x responses
+  Matrix coefficients;               // variables x responses, in the units of the data
+  std::vector<double> intercepts;    // per response
+  Matrix fitted;                     // observations x responses, in the units of Y
+  std::shared_ptr<ModelFile> model;  // what --save writes
+};
+
+ModelResult FitPca(Dataset data, const FitSettings& settings);
+ModelResult FitPls(Dataset data, const FitSettings& settings);
+
+struct PredictResult {
+  std::string model_path;
+  ModelFile::Kind kind = ModelFile::kPCA;
+  std::string model_source;
+  int components = 0;
+  std::vector<std::string> row_names;
+  std::vector<double> missing_share;  // per observation
+  std::vector<bool> scored;           // false: too many missing values, no scores
+  double max_missing = 0.5;
+  Matrix tprim;  // components x observations, -99 for rows not scored
+  std::vector<std::string> y_names;
+  Matrix y_pred;      // observations x responses, in the units of Y (PLS)
+  Matrix y_observed;  // the same columns when the file has them, else no rows
+  std::vector<std::string> classes;
+  std::string class_name;
+};
+
+// The file's columns are matched to the model's variables by name; other columns are ignored.
+// ToolError when a variable of the model is not in the file.
+PredictResult Predict(const ModelFile& model, const std::string& model_path, const CsvTable& table,
+                      double max_missing, const std::string& class_column);
+
+struct ClusterResult {
+  Dataset data;
+  std::string method;  // ward, ward-sqrt, single
+  std::string scaling;
+  std::vector<int> leaf_order;  // 0-based observations, left to right
+  // Merges by increasing height: clusters numbered as in CreateMergeData (leaf = row 1..N,
+  // merge k makes N + k), with their sizes.
+  struct Merge {
+    double height;
+    long a, b, merged;
+    int size;
+  };
+  std::vector<Merge> merges;
+  // The drawing of the tree: every node's x position (leaf slots 0..N-1) and height, children
+  // first; inner nodes refer to the two nodes they join.
+  struct Node {
+    double x, height;
+    int left = -1, right = -1;  // indices into nodes; -1 for a leaf
+    int row = -1;               // 0-based observation of a leaf
+  };
+  std::vector<Node> nodes;
+  int cut = 0;                  // clusters asked for with --clusters, 0 for none
+  std::vector<int> membership;  // per observation, 1..cut, when cut > 0
+};
+
+// The `count` clusters left when the highest merges are undone (fewer for a smaller tree), as
+// indices into nodes, from left to right.
+std::vector<int> TopClusters(const ClusterResult& result, int count);
+
+ClusterResult Cluster(Dataset data, const std::string& method, const std::string& scaling,
+                      const std::string& cache_dir, int cut);
+
+struct ChartSettings {
+  std::string column;
+  std::string type = "individual";  // individual, mean-range, mean-stddev, cusum, ewma
+  int subgroup = 0;                 // 0: 1 for individual, else 5
+  int baseline = 0;                 // subgroups that set the limits; 0: all
+  double target = -99, sigma = -99, lambda = -99;  // -99: estimated
+};
+
+struct ChartResult {
+  std::string path, column, type;
+  int subgroup = 1, baseline = 0, subgroups = 0;
+  double target = -99, sigma = -99, lambda = -99;
+  // Each panel: one statistic per subgroup with its centre line and limits (-99 where the chart
+  // has none), and the subgroups (1-based) outside them.
+  struct Panel {
+    std::string name;
+    std::vector<double> values;
+    std::vector<double> extra;  // CuSum: the low sums, drawn below; EWMA: the subgroup means
+    double centre = -99, lower = -99, upper = -99;
+    std::vector<int> outside;
+  };
+  std::vector<Panel> panels;
+};
+
+ChartResult Chart(const CsvTable& table, const ChartSettings& settings);
+
+}  // namespace mvda::cli
+
+#endif  // MVDA_APPS_MVDA_ANALYSIS_H_

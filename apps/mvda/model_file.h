@@ -1,0 +1,57 @@
+// ModelFile: a fitted PCA or PLS model together with the scaling and the variable names it needs
+// to score new data, as one file written with the library's stream layer (docs/model-file.md).
+#ifndef MVDA_APPS_MVDA_MODEL_FILE_H_
+#define MVDA_APPS_MVDA_MODEL_FILE_H_
+
+#include <mvda/containers/string_vector.h>
+#include <mvda/models/pca.h>
+#include <mvda/models/pls.h>
+#include <mvda/platform/stream.h>
+#include <mvda/preprocess/scale.h>
+
+#include <cstdint>
+#include <iosfwd>
+#include <string>
+
+namespace mvda::cli {
+
+// Record "MVDAModel", version 1, then a directory:
+//   0  kind, i32: 1 PCA, 2 PLS
+//   1  X variable names, NCStringVector     2  X scaling, NCScale
+//   3  the model, NCPCA or NCPLS
+//   4  Y variable names (PLS only)          5  Y scaling (PLS only)
+//   6  the scaling option as typed (uv, pareto, ...), string
+//   7  the file the model was fitted on, string
+class ModelFile : public UStreamBase {
+ public:
+  enum Kind : std::int32_t { kPCA = 1, kPLS = 2 };
+
+  Kind kind = kPCA;
+  NCStringVector x_names;
+  NCScale x_scale;
+  NCPCA pca;
+  NCPLS pls;
+  NCStringVector y_names;
+  NCScale y_scale;
+  std::string scaling;
+  std::string source;
+
+  int Components() const {
+    return kind == kPCA ? pca.GetPprim()->SizeRows() : pls.GetPprim()->SizeRows();
+  }
+
+  static UStreamableData MyStreamableData;
+  bool UStreamableStartWrite(std::ostream& os) const override;
+  bool UStreamableWrite(std::ostream& os) const override;
+  bool UStreamableStartRead(std::istream& is) override;
+  bool UStreamableRead(std::istream& is) override;
+  void UStreamableReset() const override;
+};
+
+// Reads a model file; ToolError naming the file for one that cannot be opened, a file of another
+// kind (a CSV file, a dendrogram cache entry), another version, or a damaged one.
+ModelFile LoadModel(const std::string& path);
+
+}  // namespace mvda::cli
+
+#endif  // MVDA_APPS_MVDA_MODEL_FILE_H_

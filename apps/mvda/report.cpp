@@ -1,0 +1,475 @@
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdio>
+#include <map>
+#include <sstream>
+
+#include "output.h"
+#include "svg.h"
+
+namespace mvda::cli {
+namespace {
+
+constexpr double kMissing = -99.0;
+
+bool Present(double v) { return v != kMissing && std::isfinite(v); }
+
+std::string Fixed(double v, int decimals = 3) {
+  if (!Present(v)) return "&ndash;";
+  char buffer[64];
+  std::snprintf(buffer, sizeof buffer, "%.*f", decimals, v);
+  return buffer;
+}
+
+std::string Percent(double fraction) { return Fixed(100 * fraction, 1) + "%"; }
+
+struct Range {
+  double lo = HUGE_VAL, hi = -HUGE_VAL;
+  void Add(double v) {
+    if (!Present(v)) return;
+    lo = std::min(lo, v);
+    hi = std::max(hi, v);
+  }
+  bool Empty() const { return lo > hi; }
+};
+
+// Classes in order of first appearance, each with its colour.
+std::map<std::string, const char*> ClassColours(const std::vector<std::string>& classes,
+                                                std::vector<std::string>& order) {
+  std::map<std::string, const char*> colours;
+  for (const std::string& c : classes) {
+    if (colours.count(c)) continue;
+    colours[c] = SeriesColour(order.size());
+    order.push_back(c);
+  }
+  return colours;
+}
+
+std::string Figure(const std::string& svg, const std::string& caption) {
+  return "<figure>" + svg + "<figcaption>" + caption + "</figcaption></figure>\n";
+}
+
+// Scores of components a and b (b = 0: against the observation number), coloured by class.
+std::string ScorePlot(const std::string& title, const Matrix& tprim, int a, int b,
+                      const std::vector<std::string>& names,
+                      const std::vector<std::string>& classes, const std::string& class_name,
+                      const std::string& x_label, const std::string& y_label) {
+  const int n = tprim.SizeColumns();
+  std::vector<std::string> order;
+  const auto colours = ClassColours(classes, order);
+  SvgPlot plot(640, 440, title, x_label, y_label);
+  if (!order.empty()) plot.SetMargins(64, 130, 34, 50);
+  Range xr, yr;
+  for (int i = 1; i <= n; ++i) {
+    xr.Add(b > 0 ? tprim[a][i] : i);
+    yr.Add(b > 0 ? tprim[b][i] : tprim[a][i]);
+  }
+  if (xr.Empty() || yr.Empty()) return "";
+  xr.Add(0);
+  yr.Add(0);
+  plot.SetXRange(xr.lo, xr.hi);
+  plot.SetYRange(yr.lo, yr.hi);
+  plot.Line(plot.XLo(), 0, plot.XHi(), 0, "#999", "4 3", 1);
+  if (b > 0) plot.Line(0, plot.YLo(), 0, plot.YHi(), "#999", "4 3", 1);
+  for (int i = 1; i <= n; ++i) {
+    const double x = b > 0 ? tprim[a][i] : i, y = b > 0 ? tprim[b][i] : tprim[a][i];
+    if (!Present(x) || !Present(y)) continue;
+    const std::string& name = names[static_cast<std::size_t>(i - 1)];
+    const std::string cls = classes.empty() ? "" : classes[static_cast<std::size_t>(i - 1)];
+    plot.Point(x, y, classes.empty() ? SeriesColour(0) : colours.at(cls),
+               name + (cls.empty() ? "" : " (" + class_name + " " + cls + ")"));
+  }
+  for (const std::string& c : order) plot.AddLegend(class_name + " " + c, colours.at(c));
+  return plot.Svg();
+}
+
+// Loadings (or weights) of components a and b, one labelled point per variable; a second set
+// (the Y weights of PLS) in another colour.
+std::string LoadingPlot(const std::string& title, const Matrix& xprim,
+                        const std::vector<std::string>& x_names, const Matrix* yprim,
+                        const std::vector<std::string>& y_names, int a, int b,
+                        const std::string& x_label, const std::string& y_label) {
+  SvgPlot plot(640, 440, title, x_label, y_label);
+  Range xr, yr;
+  auto extend = [&](const Matrix& m) {
+    for (int j = 1; j <= m.SizeColumns(); ++j) {
+      xr.Add(b > 0 ? m[a][j] : j);
+      yr.Add(b > 0 ? m[b][j] : m[a][j]);
+    }
+  };
+  extend(xprim);
+  if (yprim) extend(*yprim);
+  if (xr.Empty() || yr.Empty()) return "";
+  xr.Add(0);
+  yr.Add(0);
+  // Room for the names to the right of the points.
+  plot.SetXRange(xr.lo, xr.hi + 0.15 * (xr.hi - xr.lo));
+  plot.SetYRange(yr.lo, yr.hi);
+  if (yprim) plot.SetMargins(64, 120, 34, 50);
+  plot.Line(plot.XLo(), 0, plot.XHi(), 0, "#999", "4 3", 1);
+  if (b > 0) plot.Line(0, plot.YLo(), 0, plot.YHi(), "#999", "4 3", 1);
+  // Names go right of their point, or left, above or below it where that spot is taken.
+  std::vector<std::array<double, 4>> taken;
+  auto place = [&](double px, double py, const std::string& text) {
+    const double w = 6.2 * static_cast<double>(text.size()), h = 11;
+    constexpr int kSpots = 6;  // where every spot is taken, the last one is used anyway
+    const double offsets[kSpots][2] = {{5, -4},      {5, 11},  {-5 - w, -4},
+                                       {-5 - w, 11}, {5, -15}, {5, 22}};
+    for (int k = 0; k < kSpots; ++k) {
+      const double x0 = px + offsets[k][0], y0 = py + offsets[k][1] - h;
+      const bool clear = std::none_of(taken.begin(), taken.end(), [&](const auto& r) {
+        return x0 < r[2] && x0 + w > r[0] && y0 < r[3] && y0 + h > r[1];
+      });
+      if (clear || k == kSpots - 1) {
+        taken.push_back({x0, y0, x0 + w, y0 + h});
+        plot.TextAt(px + offsets[k][0], py + offsets[k][1], text, "#333");
+        return;
+      }
+    }
+  };
+  auto draw = [&](const Matrix& m, const std::vector<std::string>& names, const char* colour) {
+    for (int j = 1; j <= m.SizeColumns(); ++j) {
+      const double x = b > 0 ? m[a][j] : j, y = b > 0 ? m[b][j] : m[a][j];
+      if (!Present(x) || !Present(y)) continue;
+      const std::string& name = names[static_cast<std::size_t>(j - 1)];
+      plot.Point(x, y, colour, name);
+      place(plot.X(x), plot.Y(y), name);
+    }
+  };
+  draw(xprim, x_names, SeriesColour(0));
+  if (yprim) {
+    draw(*yprim, y_names, SeriesColour(1));
+    plot.AddLegend("X (w*)", SeriesColour(0));
+    plot.AddLegend("Y (c)", SeriesColour(1));
+  }
+  return plot.Svg();
+}
+
+// Cumulative R2 and Q2 per component, side by side.
+std::string SummaryBars(const ModelResult& r, bool pls) {
+  std::vector<std::string> names;
+  Range yr;
+  yr.Add(0);
+  yr.Add(1);
+  for (const ComponentRow& row : r.rows) {
+    names.push_back(std::to_string(row.component) + (row.kept ? "" : " (" + row.verdict + ")"));
+    yr.Add(row.q2_cum);
+  }
+  SvgPlot plot(560, 360, "Explained and predicted variation", "Component", "Fraction (cumulative)");
+  plot.SetMargins(64, 130, 34, 50);
+  plot.SetXCategories(names);
+  plot.SetYRange(std::max(yr.lo, -1.0), yr.hi, false);
+  const char* r2_name = pls ? "R2Y(cum)" : "R2X(cum)";
+  for (const ComponentRow& row : r.rows) {
+    const double x = row.component;
+    const double r2 = pls ? row.r2y_cum : row.r2x_cum;
+    plot.Bar(x - 0.35, x, r2, SeriesColour(0), std::string(r2_name) + " " + Fixed(r2));
+    plot.Bar(x, x + 0.35, std::max(row.q2_cum, -1.0), SeriesColour(2),
+             "Q2(cum) " + Fixed(row.q2_cum));
+  }
+  plot.Line(0.4, 0, static_cast<double>(names.size()) + 0.6, 0, "#444", "", 1);
+  plot.AddLegend(r2_name, SeriesColour(0));
+  plot.AddLegend("Q2(cum)", SeriesColour(2));
+  return plot.Svg();
+}
+
+std::string ObservedPredicted(const std::string& title, const Matrix& observed,
+                              const Matrix& predicted, int column,
+                              const std::vector<std::string>& names, const std::string& y_name) {
+  SvgPlot plot(520, 440, title, "Observed " + y_name, "Predicted " + y_name);
+  Range r;
+  for (int i = 1; i <= observed.SizeRows(); ++i) {
+    if (!Present(observed[i][column]) || !Present(predicted[i][column])) continue;
+    r.Add(observed[i][column]);
+    r.Add(predicted[i][column]);
+  }
+  if (r.Empty()) return "";
+  plot.SetXRange(r.lo, r.hi);
+  plot.SetYRange(r.lo, r.hi);
+  plot.Line(r.lo, r.lo, r.hi, r.hi, "#999", "5 4", 1.2);  // perfect prediction
+  for (int i = 1; i <= observed.SizeRows(); ++i) {
+    const double o = observed[i][column], p = predicted[i][column];
+    if (!Present(o) || !Present(p)) continue;
+    plot.Point(o, p, SeriesColour(0),
+               names[static_cast<std::size_t>(i - 1)] + ": " + Fixed(o, 4) + " observed, " +
+                   Fixed(p, 4) + " predicted");
+  }
+  return plot.Svg();
+}
+
+std::string ComponentTable(const ModelResult& r, bool pls) {
+  std::ostringstream os;
+  os << "<table><tr><th>Component</th><th>R2X</th><th>R2X(cum)</th>";
+  if (pls) os << "<th>R2Y</th><th>R2Y(cum)</th>";
+  os << "<th>Q2</th><th>Q2(cum)</th><th>Q2 limit</th><th>Verdict</th></tr>\n";
+  for (const ComponentRow& row : r.rows) {
+    os << "<tr" << (row.kept ? "" : " class=\"dropped\"") << "><td>" << row.component << "</td><td>"
+       << Fixed(row.r2x) << "</td><td>" << Fixed(row.r2x_cum) << "</td>";
+    if (pls) os << "<td>" << Fixed(row.r2y) << "</td><td>" << Fixed(row.r2y_cum) << "</td>";
+    os << "<td>" << Fixed(row.q2) << "</td><td>" << Fixed(row.q2_cum) << "</td><td>"
+       << Fixed(row.q2_limit) << "</td><td>" << Escape(row.verdict)
+       << (row.kept ? "" : " (dropped)") << "</td></tr>\n";
+  }
+  os << "</table>\n";
+  return os.str();
+}
+
+std::string AxisName(const char* letter, int a, const ModelResult& r, bool pls) {
+  const ComponentRow& row = r.rows[static_cast<std::size_t>(a - 1)];
+  return std::string(letter) + std::to_string(a) + " (" + (pls ? "R2Y " : "R2X ") +
+         Percent(pls ? row.r2y : row.r2x) + ")";
+}
+
+// The merge tree with leaves along the bottom, coloured by class (or, without classes, by the
+// clusters of a cut); a cut is drawn as a dashed line between the merges it undoes and keeps.
+std::string Dendrogram(const ClusterResult& r) {
+  const std::size_t n = r.leaf_order.size();
+  constexpr int kWidth = 1080, kLeft = 64, kRight = 130;
+  const double spacing = static_cast<double>(kWidth - kLeft - kRight) / static_cast<double>(n);
+  const bool labels = spacing >= 4;  // below that a name is a smudge; the tooltip still has it
+  const int font = std::min(11, static_cast<int>(spacing) + 1);
+  std::size_t longest = 0;
+  for (const std::string& name : r.data.row_names) longest = std::max(longest, name.size());
+  const int label_room =
+      labels ? 16 + static_cast<int>(0.62 * font * static_cast<double>(longest)) : 0;
+  SvgPlot plot(kWidth, 400 + label_room, "Dendrogram (" + r.method + ")",
+               labels ? "" : "Observations (" + std::to_string(n) + ")", "Merge height");
+  std::vector<std::string> groups = r.data.classes;
+  std::string group_name = r.data.class_name;
+  if (groups.empty() && r.cut > 0) {
+    for (const int c : r.membership) groups.push_back(std::to_string(c));
+    group_name = "Cluster";
+  }
+  std::vector<std::string> order;
+  const auto colours = ClassColours(groups, order);
+  plot.SetMargins(kLeft, kRight, 34, labels ? label_room + 10 : 50);
+  const double top = r.nodes.back().height;
+  plot.SetXRange(-0.5, static_cast<double>(n) - 0.5, false);
+  plot.SetYRange(0, top > 0 ? top * 1.04 : 1, false);
+  plot.SetXTickLabelsHidden();
+  for (const auto& node : r.nodes) {
+    if (node.left < 0) continue;
+    const auto& l = r.nodes[static_cast<std::size_t>(node.left)];
+    const auto& rt = r.nodes[static_cast<std::size_t>(node.right)];
+    plot.Line(l.x, l.height, l.x, node.height, "#333", "", 1);
+    plot.Line(rt.x, rt.height, rt.x, node.height, "#333", "", 1);
+    plot.Line(l.x, node.height, rt.x, node.height, "#333", "", 1);
+  }
+  if (r.cut > 1) {
+    // Midway between the highest merge kept and the lowest one undone.
+    std::vector<double> heights;
+    for (const auto& node : r.nodes) {
+      if (node.left >= 0) heights.push_back(node.height);
+    }
+    std::sort(heights.rbegin(), heights.rend());
+    const std::size_t undone = static_cast<std::size_t>(r.cut) - 1;
+    if (undone < heights.size()) {
+      const double kept = undone < heights.size() - 1 ? heights[undone] : 0;
+      plot.HLine(0.5 * (kept + heights[undone - 1]), "#d62728", "6 4",
+                 "cut: " + std::to_string(r.cut) + " clusters");
+    }
+  }
+  for (std::size_t s = 0; s < n; ++s) {
+    const std::size_t obs = static_cast<std::size_t>(r.leaf_order[s]);
+    const char* colour = groups.empty() ? "#333" : colours.at(groups[obs]);
+    std::string tip = r.data.row_names[obs];
+    if (!r.data.classes.empty()) tip += " (" + r.data.class_name + " " + r.data.classes[obs] + ")";
+    if (r.cut > 0) tip += ", cluster " + std::to_string(r.membership[obs]);
+    plot.Point(static_cast<double>(s), 0, colour, tip, std::min(3.0, 0.45 * spacing));
+    if (labels) {
+      char head[96];
+      std::snprintf(head, sizeof head, "<text transform=\"translate(%.1f,%.1f) rotate(-90)\" ",
+                    plot.X(static_cast<double>(s)) + 0.35 * font, plot.Bottom() + 6.0);
+      plot.Raw(std::string(head) + "text-anchor=\"end\" font-size=\"" + std::to_string(font) +
+               "\" fill=\"" + colour + "\">" + Escape(r.data.row_names[obs]) + "</text>\n");
+    }
+  }
+  for (const std::string& c : order) plot.AddLegend(group_name + " " + c, colours.at(c));
+  return plot.Svg();
+}
+
+std::string ChartPanel(const ChartResult& r, const ChartResult::Panel& p) {
+  const std::string unit = r.subgroup == 1 ? "Observation" : "Subgroup";
+  SvgPlot plot(860, 360, p.name + " chart of " + r.column, unit, p.name);
+  plot.SetMargins(64, 150, 34, 50);
+  const bool cusum = p.name == "CuSum";
+  Range yr;
+  for (const double v : p.values) yr.Add(v);
+  for (const double v : p.extra) yr.Add(cusum && Present(v) ? -v : v);
+  for (const double v : {p.centre, p.lower, p.upper}) yr.Add(v);
+  if (yr.Empty()) return "";
+  const int count = static_cast<int>(p.values.size());
+  plot.SetXRange(0.5, count + 0.5, false);
+  plot.SetYRange(yr.lo, yr.hi);
+  if (r.baseline < count) {
+    const double edge = r.baseline + 0.5;
+    plot.Line(edge, plot.YLo(), edge, plot.YHi(), "#777", "2 3", 1);
+    plot.TextAt(plot.X(edge) + 4, plot.Bottom() - 6, "end of baseline", "#555");
+  }
+  if (Present(p.upper))
+    plot.HLine(p.upper, "#d62728", "6 4", (cusum ? "h " : "UCL ") + Fixed(p.upper));
+  if (Present(p.lower))
+    plot.HLine(p.lower, "#d62728", "6 4", (cusum ? "-h " : "LCL ") + Fixed(p.lower));
+  if (Present(p.centre))
+    plot.HLine(p.centre, "#2ca02c", "", (cusum ? "0" : "CL ") + (cusum ? "" : Fixed(p.centre)));
+  auto series = [&](const std::vector<double>& values, double sign, const char* colour) {
+    std::vector<std::pair<double, double>> line;
+    for (int i = 1; i <= count; ++i) {
+      const double v = values[static_cast<std::size_t>(i - 1)];
+      if (Present(v)) line.emplace_back(i, sign * v);
+    }
+    plot.Polyline(line, colour, 1.2);
+  };
+  if (!p.extra.empty()) {
+    series(p.extra, cusum ? -1.0 : 1.0, cusum ? SeriesColour(4) : "#aaa");
+    plot.AddLegend(cusum ? "Lower sum (down)" : "Subgroup mean", cusum ? SeriesColour(4) : "#aaa",
+                   true);
+  }
+  series(p.values, 1.0, SeriesColour(0));
+  plot.AddLegend(cusum ? "Upper sum" : p.name, SeriesColour(0), true);
+  std::vector<bool> out(static_cast<std::size_t>(count) + 1, false);
+  for (const int i : p.outside) out[static_cast<std::size_t>(i)] = true;
+  for (int i = 1; i <= count; ++i) {
+    const double v = p.values[static_cast<std::size_t>(i - 1)];
+    if (!Present(v)) continue;
+    plot.Point(i, v, out[static_cast<std::size_t>(i)] ? "#d62728" : SeriesColour(0),
+               unit + " " + std::to_string(i) + ": " + Fixed(v, 4),
+               out[static_cast<std::size_t>(i)] ? 4.5 : 2.5);
+  }
+  plot.AddLegend("Outside limits", "#d62728");
+  return plot.Svg();
+}
+
+}  // namespace
+
+Report::Report(std::string title) : title_(std::move(title)) {}
+
+void Report::AddPca(const ModelResult& r) {
+  std::ostringstream os;
+  const Dataset& d = r.data;
+  os << "<section><h2>PCA of " << Escape(d.path) << "</h2>\n<p>" << d.x.SizeRows()
+     << " observations, " << d.x.SizeColumns() << " variables, scaling "
+     << Escape(r.settings.scaling) << ", " << r.settings.groups << " cross-validation groups: <b>"
+     << r.components << " significant component" << (r.components == 1 ? "" : "s") << "</b>.</p>\n"
+     << ComponentTable(r, false);
+  if (r.components >= 1) {
+    const int b = r.components >= 2 ? 2 : 0;
+    os << Figure(
+              ScorePlot("Scores", r.tprim, 1, b, d.row_names, d.classes, d.class_name,
+                        b ? AxisName("t", 1, r, false) : "Observation",
+                        AxisName("t", b ? 2 : 1, r, false)),
+              "Score plot: each point is an observation" +
+                  (d.class_name.empty() ? std::string() : ", coloured by " + Escape(d.class_name)) +
+                  ".")
+       << Figure(LoadingPlot("Loadings", r.pprim, d.x_names, nullptr, {}, 1, b,
+                             b ? "p1" : "Variable", b ? "p2" : "p1"),
+                 "Loading plot: variables far from the origin shape the components; variables "
+                 "close together are correlated.");
+  }
+  os << Figure(SummaryBars(r, false), "Cumulative R2X and Q2 per component.") << "</section>\n";
+  body_ += os.str();
+}
+
+void Report::AddPls(const ModelResult& r) {
+  std::ostringstream os;
+  const Dataset& d = r.data;
+  os << "<section><h2>PLS of " << Escape(d.path) << "</h2>\n<p>" << d.x.SizeRows()
+     << " observations, " << d.x.SizeColumns() << " X variables, responses ";
+  for (std::size_t m = 0; m < d.y_names.size(); ++m) os << (m ? ", " : "") << Escape(d.y_names[m]);
+  os << "; scaling " << Escape(r.settings.scaling) << ": <b>" << r.components
+     << " significant component" << (r.components == 1 ? "" : "s") << "</b>.</p>\n"
+     << ComponentTable(r, true);
+  if (r.components >= 1) {
+    const int b = r.components >= 2 ? 2 : 0;
+    os << Figure(ScorePlot("X scores", r.tprim, 1, b, d.row_names, d.classes, d.class_name,
+                           b ? AxisName("t", 1, r, true) : "Observation",
+                           AxisName("t", b ? 2 : 1, r, true)),
+                 "Score plot of the X scores.")
+       << Figure(LoadingPlot("Weights w* and c", r.wstar_prim, d.x_names, &r.cprim, d.y_names, 1, b,
+                             b ? "w*c1" : "Variable", b ? "w*c2" : "w*c1"),
+                 "X variables near a response relate to it positively; opposite it, negatively.");
+    for (std::size_t m = 0; m < d.y_names.size() && m < 4; ++m) {
+      os << Figure(ObservedPredicted("Observed and fitted " + d.y_names[m], d.y, r.fitted,
+                                     static_cast<int>(m) + 1, d.row_names, d.y_names[m]),
+                   "Fitted against observed " + Escape(d.y_names[m]) +
+                       "; the dashed line is a perfect fit.");
+    }
+  }
+  os << Figure(SummaryBars(r, true), "Cumulative R2Y and Q2 per component.") << "</section>\n";
+  body_ += os.str();
+}
+
+void Report::AddPredict(const PredictResult& r) {
+  std::ostringstream os;
+  int skipped = 0;
+  for (const bool s : r.scored) skipped += !s;
+  os << "<section><h2>Prediction with " << Escape(r.model_path) << "</h2>\n<p>"
+     << r.row_names.size() << " observations scored by a "
+     << (r.kind == ModelFile::kPCA ? "PCA" : "PLS") << " model of " << r.components
+     << " components fitted on " << Escape(r.model_source) << "; " << skipped
+     << " not scored (more than " << Fixed(100 * r.max_missing, 0) << "% missing).</p>\n";
+  const int b = r.components >= 2 ? 2 : 0;
+  os << Figure(ScorePlot("Predicted scores", r.tprim, 1, b, r.row_names, r.classes, r.class_name,
+                         b ? "t1" : "Observation", b ? "t2" : "t1"),
+               "Scores of the new observations.");
+  if (r.y_observed.SizeRows() > 0) {
+    for (std::size_t m = 0; m < r.y_names.size() && m < 4; ++m) {
+      os << Figure(ObservedPredicted("Observed and predicted " + r.y_names[m], r.y_observed,
+                                     r.y_pred, static_cast<int>(m) + 1, r.row_names, r.y_names[m]),
+                   "Predicted against observed " + Escape(r.y_names[m]) + ".");
+    }
+  }
+  os << "</section>\n";
+  body_ += os.str();
+}
+
+void Report::AddCluster(const ClusterResult& r) {
+  std::ostringstream os;
+  os << "<section><h2>Cluster analysis of " << Escape(r.data.path) << "</h2>\n<p>"
+     << r.data.x.SizeRows() << " observations, " << r.data.x.SizeColumns() << " variables, scaling "
+     << Escape(r.scaling) << ", method " << Escape(r.method) << ": " << r.merges.size()
+     << " merges.</p>\n"
+     << Figure(Dendrogram(r),
+               "Each join is drawn at the height of its merge; the leaves are the "
+               "observations.")
+     << "</section>\n";
+  body_ += os.str();
+}
+
+void Report::AddChart(const ChartResult& r) {
+  std::ostringstream os;
+  os << "<section><h2>Control chart of " << Escape(r.column) << " in " << Escape(r.path)
+     << "</h2>\n<p>" << Escape(r.type) << ", "
+     << (r.subgroup == 1 ? "single values" : "subgroups of " + std::to_string(r.subgroup))
+     << "; limits from the first " << r.baseline << " of " << r.subgroups << "; target "
+     << Fixed(r.target, 4) << ", sigma " << Fixed(r.sigma, 4) << ".</p>\n";
+  for (const auto& p : r.panels) {
+    std::string outside;
+    for (std::size_t i = 0; i < p.outside.size(); ++i) {
+      outside += (i ? ", " : "") + std::to_string(p.outside[i]);
+    }
+    os << Figure(ChartPanel(r, p), Escape(p.name) + ": outside the limits: " +
+                                       (outside.empty() ? "none" : outside) + ".");
+  }
+  os << "</section>\n";
+  body_ += os.str();
+}
+
+std::string Report::Html() const {
+  return "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\"><title>" +
+         Escape(title_) +
+         "</title>\n<style>\n"
+         "body{font-family:Helvetica,Arial,sans-serif;margin:2em "
+         "auto;max-width:1100px;color:#222}\n"
+         "section{margin-bottom:3em;border-top:1px solid #ccc}\n"
+         "table{border-collapse:collapse;margin:1em 0}\n"
+         "td,th{border:1px solid #ccc;padding:3px 10px;text-align:right}\n"
+         "tr.dropped{color:#999}\n"
+         "figure{margin:1.5em 0;overflow-x:auto}\n"
+         "figcaption{color:#555;font-size:90%}\n"
+         "</style></head>\n<body>\n<h1>" +
+         Escape(title_) + "</h1>\n" + body_ + "</body></html>\n";
+}
+
+}  // namespace mvda::cli

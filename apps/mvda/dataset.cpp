@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <set>
+#include <string>
 
 #include "analysis.h"
 #include "fit_common.h"
@@ -99,6 +100,14 @@ std::vector<double> ColumnSS(const Matrix& x) {
     ss[static_cast<std::size_t>(j - 1)] = static_cast<double>(x.GetColumnSS(j));
   }
   return ss;
+}
+
+int ComponentLimit(int requested, int observations, int variables) {
+  const int most = std::min(variables, observations - 1);
+  if (requested > most)
+    throw ToolError("--components " + std::to_string(requested) + ": this data set has at most " +
+                    std::to_string(most));
+  return requested > 0 ? requested : most;
 }
 
 Matrix FirstRows(const Matrix& m, int rows) {

@@ -20,6 +20,10 @@ NCScale FitScale(NCDataMatrix<float>& x, const std::vector<std::string>& names,
 
 std::vector<double> ColumnSS(const NCDataMatrix<float>& x);  // per column, over present values
 
+// The number of components to try: the count the user asked for, else as many as the data allow
+// (min(K, N - 1)). A count above that throws ToolError.
+int ComponentLimit(int requested, int observations, int variables);
+
 // Rows 1..rows of m as a matrix of its own; 0 rows keeps m's column count.
 NCDataMatrix<float> FirstRows(const NCDataMatrix<float>& m, int rows);
 

@@ -38,12 +38,7 @@ ModelResult FitPca(Dataset data, const FitSettings& settings) {
     ss0 += column_ss[static_cast<std::size_t>(j - 1)];
   }
   if (!(ss0 > 0)) throw ToolError(data.path + ": the data have no variation to model");
-  const int most = std::min(k, n - 1);
-  if (settings.components > most) {
-    throw ToolError("--components " + std::to_string(settings.components) +
-                    ": this data set has at most " + std::to_string(most));
-  }
-  const int limit = settings.components > 0 ? settings.components : most;
+  const int limit = ComponentLimit(settings.components, n, k);
 
   ModelResult result;
   result.settings = settings;

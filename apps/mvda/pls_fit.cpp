@@ -44,12 +44,7 @@ ModelResult FitPls(Dataset data, const FitSettings& settings) {
   if (!(ssx0 > 0) || !(ssy0_total > 0)) {
     throw ToolError(data.path + ": X or Y has no variation to model");
   }
-  const int most = std::min(k, n - 1);
-  if (settings.components > most) {
-    throw ToolError("--components " + std::to_string(settings.components) +
-                    ": this data set has at most " + std::to_string(most));
-  }
-  const int limit = settings.components > 0 ? settings.components : most;
+  const int limit = ComponentLimit(settings.components, n, k);
 
   ModelResult result;
   result.settings = settings;

@@ -9,9 +9,11 @@
 // Counters:
 //   fit_ms           the 5 model components of the same run (NextComponent + CalculateResiduals)
 //   cv_iterations    NIPALS iterations of the 70 group fits (2 per group and component; at most
-//                    7 * 2 * (5 + 6 + 6 + 6 + 7) = 420)
+//                    7 * 2 * (5 + 6 + 6 + 6 + 7) = 420), as their progress reports them
 //   cv_ms_per_iter   fastest cross-validation time / cv_iterations: what one group-fit iteration
-//                    costs, everything around the fits included; compare with BM_FloorTwoSgemv
+//                    costs, everything around the fits included; the fits of all groups share
+//                    each pass over the matrix. Compare with BM_FloorTwoSgemv, the floor of one
+//                    fit iteration on its own
 //   q2_1, q2cum_5    Q2 of component 1 and cumulative Q2 after component 5
 // Times are wall-clock times with the library's default threading (on, with every processor).
 #include <mvda/containers/data_matrix.h>

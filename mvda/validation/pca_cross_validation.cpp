@@ -5,6 +5,7 @@
 #include <mvda/platform/error.h>
 #include <mvda/platform/language_string.h>
 #include <mvda/validation/cv_groups.h>
+#include <mvda/validation/detail/pca_group_fits.h>
 #include <mvda/validation/pca_cross_validation.h>
 
 #include <algorithm>
@@ -12,7 +13,6 @@
 #include <cstring>
 #include <memory>
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace {
@@ -94,42 +94,6 @@ inline float Select(float a, float b, Mask mask) {
   x = (x & mask) | (y & ~mask);
   std::memcpy(&a, &x, sizeof a);
   return a;
-}
-
-// The rows of E outside observation group g, sharing E's row buffers (no element is copied).
-// Chosen for speed, since the order changes the fitted loading by rounding only: without missing
-// values, the other groups one after another, each in increasing row order; with missing values,
-// plain row order. With the default groups (row i in group i mod G) the rows of one group lie at
-// one fixed distance from each other in memory whenever E's rows do, so the regressions' BLAS
-// path reads each block in place instead of packing copies of unevenly spaced rows, which cost a
-// third of the cross-validation. The masked path of a matrix with missing values reads rows one by
-// one and runs faster over rows that follow each other in memory. Rows are swapped and removed, so
-// that only the removed rows are scanned for missing values.
-Matrix TrainingRows(const Matrix& E, const std::vector<GroupVector>& members, int g) {
-  const int rows = E.SizeRows(), groups = static_cast<int>(members.size());
-  const GroupVector& left = members[static_cast<std::size_t>(g)];
-  Matrix training = E;
-  if (E.GetNumMisVal() > 0) {
-    training.RemoveRows(left);
-    return training;
-  }
-  std::vector<int> at(static_cast<std::size_t>(rows) + 1), where(at.size());
-  for (int i = 0; i <= rows; ++i)
-    at[static_cast<std::size_t>(i)] = where[static_cast<std::size_t>(i)] = i;
-  int k = 0;
-  for (int h = 1; h <= groups; ++h)  // h = groups: group g itself, which goes last
-    for (const int i : members[static_cast<std::size_t>((g + h) % groups)]) {
-      const int from = where[static_cast<std::size_t>(i)];
-      if (++k == from) continue;
-      training.SwapRows(k, from);
-      const int moved = at[static_cast<std::size_t>(k)];
-      at[static_cast<std::size_t>(from)] = moved;
-      where[static_cast<std::size_t>(moved)] = from;
-      at[static_cast<std::size_t>(k)] = i;
-      where[static_cast<std::size_t>(i)] = k;
-    }
-  training.RemoveRows(rows - left.Size() + 1, left.Size());
-  return training;
 }
 
 // Cell (i, j) predicted as t(-v)_i q(-o)_j, v the group of variable j and o that of observation
@@ -282,39 +246,36 @@ void PCACrossValidation::NextComponent(const Vector& reference, NCProgress* prog
   }
   reporter->SetRange(0.0, G);
 
-  // The members of each observation group (for leaving them out) and the size of each variable
-  // group (for the score scale).
-  std::vector<GroupVector> groupRows(static_cast<std::size_t>(G));
+  // The size of each variable group, for the score scale.
   std::vector<int> groupColumns(static_cast<std::size_t>(G), 0);
-  for (int i = 1; i <= rows; ++i)
-    groupRows[static_cast<std::size_t>(observation_groups_[i])].push_back(i);
   for (int j = 1; j <= cols; ++j) ++groupColumns[static_cast<std::size_t>(variable_groups_[j])];
 
-  // Built aside, so that a stop in a fit leaves the previous results in place.
+  // All 2G fits advance together, one pass over E serving every group, and the host then sees
+  // each fit's progress replayed group by group, as the fits one after another would have made
+  // it: at the sizes where progress matters, the batch for one component takes a fraction of a
+  // second, so the replay costs the host no responsiveness. A stop answered in the replay, or a
+  // fit that failed, throws where that fit would have.
+  const mvda::detail::PcaGroupFits fits =
+      mvda::detail::FitPcaGroups(E, p, t, observation_groups_, variable_groups_, G, limit);
+
+  // Built aside, so that a stop leaves the previous results in place.
   Matrix pset(0, cols, 0.0f), tset(0, rows, 0.0f);
   pset.ReserveRows(G);
   tset.ReserveRows(G);
-  Vector start;
   for (int g = 0; g < G; ++g) {
-    // The loading without observation group g: the training rows share E's buffers.
+    const std::size_t k = static_cast<std::size_t>(g);
+    // The loading without observation group g.
     reporter->SetText(LanguageString::Format(10157, g + 1));
-    const Matrix training = TrainingRows(E, groupRows, g);
-    training.Result(&start).SpecialNipalsRegressRowsFix(p);
-    NCPCA withoutRows(&training, limit);
-    InSubRange(reporter, g, g + 0.5,
-               [&] { withoutRows.NextComponent(reporter, nullptr, 0, &start); });
-    Vector loading = withoutRows.GetPprim()->back();
+    InSubRange(reporter, g, g + 0.5, [&] { fits.withoutRows[k].Replay(*reporter); });
+    Vector loading = fits.withoutRows[k].p;
     if (loading * p < 0) loading *= -1.0f;
     pset.push_back(loading);
 
     // The scores without variable group g, scaled up for the variables they lack.
     reporter->SetText(LanguageString::Get(10158));
-    NCPCA withoutColumns(&E, limit);
-    InSubRange(reporter, g + 0.5, g + 1.0,
-               [&] { withoutColumns.NextComponent(reporter, &variable_groups_, g, &t); });
-    Vector scores = withoutColumns.GetTprim()->back();
-    float scale = std::sqrt(static_cast<float>(cols) /
-                            static_cast<float>(cols - groupColumns[static_cast<std::size_t>(g)]));
+    InSubRange(reporter, g + 0.5, g + 1.0, [&] { fits.withoutColumns[k].Replay(*reporter); });
+    Vector scores = fits.withoutColumns[k].t;
+    float scale = std::sqrt(static_cast<float>(cols) / static_cast<float>(cols - groupColumns[k]));
     if (scores * t < 0) scale = -scale;
     scores *= scale;
     tset.push_back(scores);

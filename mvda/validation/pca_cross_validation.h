@@ -58,11 +58,12 @@ class MVDA_EXPORT PCACrossValidation {
   // current residuals E, which must not have been deflated by that component yet. The per-group
   // fits are NCPCA components with at most L = trunc(sqrt(A - 1) + 5 + 1e-5) iterations (A the
   // model's component count): they start from the full model's component, so a few suffice.
-  // The loading fit starts from the row regression of the training rows on p (the rows are taken
-  // in an order chosen for speed, which changes the loading by rounding only); the score fit from
-  // t. p(-g) is turned to agree with p; t(-g) is scaled by s = sqrt(K / (K - n_g)) (n_g the
-  // variables of group g) with the sign that makes it agree with t, since it was fitted on fewer
-  // variables.
+  // The loading fit starts from the row regression of the training rows on p, the score fit from
+  // t. All 2G fits iterate together on one copy of E, each stopping on its own, so that one pass
+  // over E serves every group; their sums are formed by BLAS in single precision, and the fits
+  // agree with those NCPCA makes on the same starts to rounding, not to the bit. p(-g) is turned to
+  // agree with p; t(-g) is scaled by s = sqrt(K / (K - n_g)) (n_g the variables of group g) with
+  // the sign that makes it agree with t, since it was fitted on fewer variables.
   //
   // `reference` holds one value per variable, its sum of squares before the first component: a
   // variable without residual sum of squares gets Q2XVar 0 and Q2XVarCum 1 when its reference is
@@ -71,7 +72,9 @@ class MVDA_EXPORT PCACrossValidation {
   //
   // Progress: the reporter's range becomes 0..G (a reporter with an empty text is made when none
   // is given); for group g the loading fit reports in g..g+0.5 under the text of language string
-  // 10157 with g+1, the score fit in g+0.5..g+1 under language string 10158.
+  // 10157 with g+1, the score fit in g+0.5..g+1 under language string 10158, each with the
+  // SetRange and SetValue calls of an NCPCA fit. These calls are made once all fits are done, in
+  // the order of the groups, so a stop takes effect when the host answers it there.
   //
   // NCError, with nothing changed, for a reference of the wrong length, a model without a
   // component or a model whose shape no longer fits the groups. Errors of the fits (a user stop,

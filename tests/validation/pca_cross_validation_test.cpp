@@ -6,6 +6,7 @@
 #include <mvda/platform/progress.h>
 #include <mvda/validation/pca_cross_validation.h>
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <random>
@@ -66,6 +67,40 @@ void ExpectCellsFromSets(const PCACrossValidation& cv, const Matrix& E) {
     }
 }
 
+// Records ranges, sub-ranges and texts at the top level and, per sub-range, the progress values of
+// the fit in it (SetRange's minimum, then every SetValue: -c of each iteration); SetValue answers
+// "stop" from call `stopAt` on (0: never).
+class RecordingProgress : public NCProgress {
+ public:
+  explicit RecordingProgress(int stopAt = 0) : stop_at_(stopAt) {}
+  void SetRange(double min, double max) override {
+    if (depth == 0) ranges.emplace_back(min, max);
+    if (depth > 0) fits.back().push_back(min);
+    NCProgress::SetRange(min, max);
+  }
+  void PushSubRange(double from, double to) override {
+    ++depth, subRanges.emplace_back(from, to), fits.emplace_back();
+    NCProgress::PushSubRange(from, to);
+  }
+  void PopSubRange() override {
+    --depth;
+    NCProgress::PopSubRange();
+  }
+  bool SetValue(double value) override {
+    ++values, fits.back().push_back(value);
+    NCProgress::SetValue(value);
+    return stop_at_ == 0 || values < stop_at_;
+  }
+  void SetText(const std::string& text) override { texts.push_back(text); }
+  std::vector<std::pair<double, double>> ranges, subRanges;
+  std::vector<std::string> texts;
+  std::vector<std::vector<double>> fits;  // one per sub-range, one value per iteration
+  int values = 0, depth = 0;
+
+ private:
+  int stop_at_;
+};
+
 // Worked by hand on 2 x 2 residuals with the default groups (observation 1 and variable 1 in
 // group 1, the others in group 0). PSet row 1 is row 1 of E normalised (its only training row),
 // PSet row 2 row 2, each turned to agree with p. TSet row 1 is fitted on variable 1 alone: column
@@ -102,8 +137,12 @@ TEST(PcaCrossValidation, WorkedTwoByTwoCases) {
     const Matrix E = MakeMatrix(c.E), P = MakeMatrix({c.p}), T = MakeMatrix({c.t});
     NCPCA model(&E, &P, &T, 100);
     PCACrossValidation cv(&model, c.previous, Vector(2, c.previous), 7, nullptr, nullptr);
-    cv.NextComponent(Vector(2, 1.0f), nullptr);
+    RecordingProgress progress;
+    cv.NextComponent(Vector(2, 1.0f), &progress);
     ExpectCellsFromSets(cv, E);
+    // A one-row fit takes no iteration, so the loading fits report nothing.
+    ASSERT_EQ(progress.fits.size(), 4u);
+    EXPECT_TRUE(progress.fits[0].empty() && progress.fits[2].empty());
     double ss = 0, press = 0;
     for (int j = 1; j <= 2; ++j) {
       const double e1 = c.E[0][j - 1], e2 = c.E[1][j - 1];
@@ -182,72 +221,87 @@ TEST(PcaCrossValidation, NoiseAndTheCap) {
   EXPECT_NEAR(cv.GetQ2TotCum(), 1 - 0.6 * std::min(press / ss, 1.1), 1e-5);
 }
 
-// A noisy second component, where no fit converges within L = 6 iterations, so the start vectors
-// show in every digit: each loading fitted on the other rows (pushed here in order) from their
-// regression on p, the scores on every row from t without variable group g, times sqrt(9 / 6)
-// in single precision. With and without gaps, which order the training rows differently.
-TEST(PcaCrossValidation, GroupFitsStartFromTheFullComponent) {
-  for (const bool gaps : {false, true}) {
-    SCOPED_TRACE(gaps);
-    Matrix x = Noisy(25, 9, 1.0, 1.0, 12);
-    if (gaps) x(4, 4, kM), x(20, 8, kM);
-    NCPCA model = Fitted(x);
-    model.CalculateResiduals();
-    NCProgress quiet;
-    model.NextComponent(&quiet, nullptr, 0, nullptr);
-    const Matrix& E = *model.GetResiduals();
-    const Vector &p = model.GetPprim()->back(), &t = model.GetTprim()->back();
-    PCACrossValidation cv(&model, 3, nullptr, nullptr);
-    cv.NextComponent(Vector(9, 1.0f), nullptr);
-    for (int g = 0; g < 3; ++g) {
-      Matrix training;
-      for (int i = 1; i <= 25; ++i)
-        if (i % 3 != g) training.push_back(E[i]);
-      const Vector start = training.SpecialNipalsRegressRowsFix(p);
-      NCPCA rows(&training, 6), columns(&E, 6);
-      rows.NextComponent(&quiet, nullptr, 0, &start);
-      columns.NextComponent(&quiet, cv.GetVariableGroups(), g, &t);
-      EXPECT_EQ(rows.GetIterations() + columns.GetIterations(), 12);
-      Vector loading = rows.GetPprim()->back(), scores = columns.GetTprim()->back();
-      if (loading * p < 0) loading *= -1.0f;
-      for (int j = 1; j <= 9; ++j) EXPECT_NEAR(loading[j], (*cv.GetPSet())[g + 1][j], 2e-6) << g;
-      scores *= std::sqrt(9.0f / 6.0f) * (scores * t < 0 ? -1 : 1);
-      EXPECT_TRUE(scores == (*cv.GetTSet())[g + 1]) << g;
+// Elements equal to within `relative` times the largest |expected|, missing where expected is.
+void ExpectNear(const Vector& expected, const Vector& actual, double relative) {
+  ASSERT_EQ(expected.Size(), actual.Size());
+  double largest = 0;
+  for (int i = 1; i <= expected.Size(); ++i)
+    largest = std::max(largest, std::fabs(double(expected[i])));
+  for (int i = 1; i <= expected.Size(); ++i) {
+    if (expected[i] == kM) {
+      EXPECT_EQ(actual[i], kM) << i;
+    } else {
+      EXPECT_NEAR(actual[i], expected[i], relative * largest) << i;
     }
   }
 }
 
-// Records ranges, sub-ranges and texts at the top level and the SetValue calls in each sub-range;
-// SetValue answers "stop" from call `stopAt` on (0: never).
-class RecordingProgress : public NCProgress {
- public:
-  explicit RecordingProgress(int stopAt = 0) : stop_at_(stopAt) {}
-  void SetRange(double min, double max) override {
-    if (depth == 0) ranges.emplace_back(min, max);
-    NCProgress::SetRange(min, max);
+// The fits of all groups run together, each to its own stop, and must give what NCPCA fits one
+// after another give from the same starts, to rounding: each loading fitted on the other rows
+// (pushed here in order) from their regression on p, sign-aligned; the scores on every row from t
+// without variable group g, times sqrt(9 / 6); and the same progress values, one per iteration.
+// A noisy second component, where no fit converges within L = 6 iterations, so that the starts
+// show in every digit (with and without gaps); and rank one with one noisy observation group
+// (first component, L = 5), where the fits stop after different numbers of iterations.
+TEST(PcaCrossValidation, GroupFitsMatchFitsOneAfterAnother) {
+  struct Case {
+    const char* name;
+    Matrix x;
+    bool second, apart;
+  };
+  Matrix gappy = Noisy(25, 9, 1.0, 1.0, 12), mixed = Noisy(25, 9, 1.0, 1e-3, 13);
+  gappy(4, 4, kM), gappy(20, 8, kM);
+  const Matrix noisy = Noisy(25, 9, 1.0, 0.3, 14);
+  for (int i = 3; i <= 25; i += 3) mixed.SetRow(i, noisy[i]);
+  const Case cases[] = {{"noise", Noisy(25, 9, 1.0, 1.0, 12), true, false},
+                        {"noise with gaps", gappy, true, false},
+                        {"one noisy group", mixed, false, true}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    NCPCA model = Fitted(c.x);
+    NCProgress quiet;
+    if (c.second) model.CalculateResiduals(), model.NextComponent(&quiet, nullptr, 0, nullptr);
+    const int limit = c.second ? 6 : 5;
+    const Matrix& E = *model.GetResiduals();
+    const Vector &p = model.GetPprim()->back(), &t = model.GetTprim()->back();
+    PCACrossValidation cv(&model, 3, nullptr, nullptr);
+    RecordingProgress progress;
+    cv.NextComponent(Vector(9, 1.0f), &progress);
+    ASSERT_EQ(progress.fits.size(), 6u);
+    std::vector<std::size_t> iterations;
+    for (int g = 0; g < 3; ++g) {
+      SCOPED_TRACE(g);
+      Matrix training;
+      for (int i = 1; i <= 25; ++i)
+        if (i % 3 != g) training.push_back(E[i]);
+      const Vector start = training.SpecialNipalsRegressRowsFix(p);
+      NCPCA rows(&training, limit), columns(&E, limit);
+      RecordingProgress alone;  // each fit in a sub-range of its own, as in the cross-validation
+      alone.PushSubRange(0, 1), rows.NextComponent(&alone, nullptr, 0, &start), alone.PopSubRange();
+      alone.PushSubRange(0, 1), columns.NextComponent(&alone, cv.GetVariableGroups(), g, &t);
+      alone.PopSubRange();
+      Vector loading = rows.GetPprim()->back(), scores = columns.GetTprim()->back();
+      if (loading * p < 0) loading *= -1.0f;
+      scores *= std::sqrt(9.0f / 6.0f) * (scores * t < 0 ? -1 : 1);
+      ExpectNear(loading, (*cv.GetPSet())[g + 1], 1e-4);
+      ExpectNear(scores, (*cv.GetTSet())[g + 1], 1e-4);
+      for (int k = 0; k < 2; ++k) {
+        const std::vector<double>&expected = alone.fits[k], &actual = progress.fits[2 * g + k];
+        ASSERT_EQ(actual.size(), expected.size()) << k;
+        iterations.push_back(expected.size());
+        // -c = -10 (log10 d + 10): 0.1 is 2% of d, far above rounding while d is above 1e-10.
+        for (std::size_t i = 0; i < expected.size(); ++i) {
+          if (expected[i] < 0) {
+            EXPECT_NEAR(actual[i], expected[i], 0.1) << k << ", " << i;
+          }
+        }
+      }
+    }
+    EXPECT_EQ(*std::min_element(iterations.begin(), iterations.end()) !=
+                  *std::max_element(iterations.begin(), iterations.end()),
+              c.apart);
   }
-  void PushSubRange(double from, double to) override {
-    ++depth, subRanges.emplace_back(from, to), valuesIn.push_back(0);
-    NCProgress::PushSubRange(from, to);
-  }
-  void PopSubRange() override {
-    --depth;
-    NCProgress::PopSubRange();
-  }
-  bool SetValue(double value) override {
-    ++values, ++valuesIn.back();
-    NCProgress::SetValue(value);
-    return stop_at_ == 0 || values < stop_at_;
-  }
-  void SetText(const std::string& text) override { texts.push_back(text); }
-  std::vector<std::pair<double, double>> ranges, subRanges;
-  std::vector<std::string> texts;
-  std::vector<int> valuesIn;  // one per fit iteration after the first
-  int values = 0, depth = 0;
-
- private:
-  int stop_at_;
-};
+}
 
 // Two fits per group, each in its half of the group's span under its own text. On noise no fit
 // converges, so each runs to L = trunc(sqrt(A - 1) + 5 + 1e-5) iterations for A components.
@@ -272,7 +326,7 @@ TEST(PcaCrossValidation, ProgressAndIterationLimit) {
       EXPECT_EQ(progress.texts[2 * g], LanguageString::Format(10157, g + 1));
       EXPECT_EQ(progress.texts[2 * g + 1], LanguageString::Get(10158));
     }
-    EXPECT_EQ(progress.valuesIn, std::vector<int>(6, limit - 1));
+    for (const auto& fit : progress.fits) EXPECT_EQ(fit.size(), static_cast<std::size_t>(limit));
   }
 }
 
@@ -300,6 +354,29 @@ TEST(PcaCrossValidation, StopKeepsEarlierResults) {
     EXPECT_TRUE(*cv.GetQ2XVarCum() == *before.GetQ2XVarCum());
     EXPECT_EQ(cv.GetQ2TotCum(), before.GetQ2TotCum());
   }
+}
+
+// Variable 2 is missing throughout, so the score fit without variable group 1 (variable 1) has
+// nothing to regress on and fails at its first iteration, as NCPCA does; the host has seen the
+// progress of the three fits before it in group order, and nothing of the call is kept.
+TEST(PcaCrossValidation, FailedFitThrowsInGroupOrder) {
+  const Matrix x = MakeMatrix({{1, kM}, {2, kM}, {-1, kM}, {3, kM}, {0.5, kM}});
+  NCPCA model = Fitted(x);
+  PCACrossValidation cv(&model, 2, nullptr, nullptr);
+  RecordingProgress progress;
+  try {
+    cv.NextComponent(Vector(2, 1.0f), &progress);
+    ADD_FAILURE() << "no error";
+  } catch (const NCError& e) {
+    EXPECT_EQ(e.GetMessage(), "PCA component could not be computed.");
+    EXPECT_EQ(e.GetLevel(), NCError::kNumerical);
+  }
+  EXPECT_EQ(progress.depth, 0);
+  ASSERT_EQ(progress.fits.size(), 4u);
+  EXPECT_FALSE(progress.fits[2].empty());
+  EXPECT_TRUE(progress.fits[3].empty());
+  EXPECT_EQ(progress.texts.back(), LanguageString::Get(10158));
+  EXPECT_EQ(cv.GetPSet()->SizeRows(), 0);
 }
 
 // The same numbers to the bit on one thread and on four (several bands of the parallel loops).

@@ -1,5 +1,6 @@
 #include <mvda/cluster/detail/pair_distances.h>
 #include <mvda/containers/detail/parallel_for.h>
+#include <mvda/containers/detail/simd_clones.h>
 #include <mvda/platform/progress.h>
 
 #include <algorithm>
@@ -148,12 +149,9 @@ __attribute__((always_inline)) inline void SumTile(const float* x, bool complete
 // The distances of row i (values x) to rows j .. last, as RowTable::RowDistances describes.
 // Compiled twice where the processor may have AVX2, which does eight lanes in one register
 // instead of two; the arithmetic is the same either way.
-#if defined(__GNUC__) && defined(__x86_64__) && !defined(__clang__)
-__attribute__((target_clones("avx2", "default")))
-#endif
-void RowAgainstTiles(const float* x, bool x_complete, const float* tiles,
-                     const char* tile_complete, int columns, PairFunctions fn, int i, int j,
-                     int last, DistanceAndIndex* out) {
+MVDA_AVX2_CLONES void RowAgainstTiles(const float* x, bool x_complete, const float* tiles,
+                                      const char* tile_complete, int columns, PairFunctions fn,
+                                      int i, int j, int last, DistanceAndIndex* out) {
   constexpr int kLanes = RowTable::kLanes;
   const std::size_t stride = static_cast<std::size_t>(columns) * kLanes;
   // Tile by tile; the first is shared with rows before j and the last with rows after `last` (or

@@ -1,13 +1,6 @@
 // The masked loops of the matrix algebra.
 #include <mvda/containers/detail/masked_kernels.h>
-
-// GCC builds an AVX2 copy of each hot kernel next to the baseline one and picks it when the
-// library loads; clang cannot clone function templates, and gets the baseline only.
-#if defined(__GNUC__) && !defined(__clang__) && defined(__x86_64__)
-#define MVDA_AVX2_CLONES __attribute__((target_clones("avx2", "default")))
-#else
-#define MVDA_AVX2_CLONES
-#endif
+#include <mvda/containers/detail/simd_clones.h>
 
 namespace mvda::detail {
 

@@ -1,4 +1,3 @@
-#include <mvda/containers/detail/blas.h>
 #include <mvda/containers/detail/parallel_for.h>
 #include <mvda/validation/detail/batched_regressions.h>
 
@@ -6,11 +5,24 @@
 #include <cstddef>
 #include <cstring>
 
+#if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
+#include <immintrin.h>
+#endif
+
 namespace mvda::detail {
 
 namespace {
 
 constexpr float kMis = -99.0f;
+
+// Rows are summed in bands of this many, each band in float, and the band sums added in band
+// order in double: the cut depends on the shape alone, so any team size gives the same bits, and
+// a band's float sum is short enough to keep its rounding small.
+constexpr int kBandRows = 256;
+
+// The vectors are padded to a multiple of eight lanes with zeros, so that the inner loops run over
+// whole AVX2 registers and need no remainder.
+int Padded(int g) { return (g + 7) / 8 * 8; }
 
 // The regression coefficient from the paired sums, as the single-vector regressions form it: a
 // paired sum of squares below 1e-30 counts as 0 (0/0 without the floor, a NaN that NIPALS reads as
@@ -21,24 +33,248 @@ float Coefficient(double a, double b, double all, bool fix) {
   return static_cast<float>(a / b);
 }
 
-// The g vectors with their gaps as 0, their squares, and per vector the sum of squares over the
-// present elements (in double, as the single-vector forms sum it).
+// The g vectors (length n, row-major n x g) with their gaps as 0, padded to gp lanes, and per
+// vector the sum of squares over the present elements, in double as the single-vector forms sum.
 struct Operand {
-  std::vector<float> zeroed, squares;
+  int gp;
+  std::vector<float> zeroed;
+  std::vector<float> squares;  // the squares of zeroed
+  std::vector<float> marks;    // 1 where the element is present, else 0 (padding included)
   std::vector<double> all;
+  std::vector<int> present;  // per vector, its present elements
 
   Operand(const float* v, int n, int g)
-      : zeroed(static_cast<std::size_t>(n) * g),
-        squares(zeroed.size()),
-        all(static_cast<std::size_t>(g), 0.0) {
-    for (std::size_t e = 0; e < zeroed.size(); ++e) {
-      const float x = v[e] == kMis ? 0.0f : v[e];
-      zeroed[e] = x;
-      squares[e] = x * x;
-      all[e % static_cast<std::size_t>(g)] += static_cast<double>(x) * x;
-    }
+      : gp(Padded(g)),
+        zeroed(static_cast<std::size_t>(n) * gp, 0.0f),
+        squares(zeroed.size(), 0.0f),
+        marks(zeroed.size(), 0.0f),
+        all(static_cast<std::size_t>(g), 0.0),
+        present(static_cast<std::size_t>(g), 0) {
+    for (int i = 0; i < n; ++i)
+      for (int h = 0; h < g; ++h) {
+        const float x = v[static_cast<std::size_t>(i) * g + h];
+        if (x == kMis) continue;
+        zeroed[static_cast<std::size_t>(i) * gp + h] = x;
+        squares[static_cast<std::size_t>(i) * gp + h] = x * x;
+        marks[static_cast<std::size_t>(i) * gp + h] = 1.0f;
+        all[h] += static_cast<double>(x) * x;
+        ++present[h];
+      }
   }
 };
+
+// acc[j][h] += sum over rows r of x[r][j] v[r][h], for `count` rows, four at a time so that each
+// accumulator is loaded and stored once per four rows. GP, the padded number of vectors, is a
+// constant so that the lanes of a row live in registers.
+template <int GP>
+void AccumulateColumns(const float* __restrict x, const float* __restrict v, int count, int k,
+                       float* __restrict acc) {
+  int r = 0;
+  for (; r + 4 <= count; r += 4) {
+    const float* x0 = x + static_cast<std::size_t>(r) * k;
+    const float *x1 = x0 + k, *x2 = x1 + k, *x3 = x2 + k;
+    float v0[GP], v1[GP], v2[GP], v3[GP];
+    for (int h = 0; h < GP; ++h) {
+      v0[h] = v[(r + 0) * GP + h];
+      v1[h] = v[(r + 1) * GP + h];
+      v2[h] = v[(r + 2) * GP + h];
+      v3[h] = v[(r + 3) * GP + h];
+    }
+    for (int j = 0; j < k; ++j) {
+      float* a = acc + static_cast<std::size_t>(j) * GP;
+      const float e0 = x0[j], e1 = x1[j], e2 = x2[j], e3 = x3[j];
+      for (int h = 0; h < GP; ++h) a[h] = a[h] + e0 * v0[h] + e1 * v1[h] + e2 * v2[h] + e3 * v3[h];
+    }
+  }
+  for (; r < count; ++r) {
+    const float* x0 = x + static_cast<std::size_t>(r) * k;
+    const float* v0 = v + static_cast<std::size_t>(r) * GP;
+    for (int j = 0; j < k; ++j) {
+      float* a = acc + static_cast<std::size_t>(j) * GP;
+      for (int h = 0; h < GP; ++h) a[h] += x0[j] * v0[h];
+    }
+  }
+}
+
+// out[r][h] = sum over j of x[r][j] w[j][h], for `count` rows, four at a time.
+template <int GP>
+void RowProducts(const float* __restrict x, const float* __restrict w, int count, int k,
+                 float* __restrict out) {
+  int r = 0;
+  for (; r + 4 <= count; r += 4) {
+    float a0[GP] = {}, a1[GP] = {}, a2[GP] = {}, a3[GP] = {};
+    const float* x0 = x + static_cast<std::size_t>(r) * k;
+    const float *x1 = x0 + k, *x2 = x1 + k, *x3 = x2 + k;
+    for (int j = 0; j < k; ++j) {
+      const float* wj = w + static_cast<std::size_t>(j) * GP;
+      const float e0 = x0[j], e1 = x1[j], e2 = x2[j], e3 = x3[j];
+      for (int h = 0; h < GP; ++h) {
+        a0[h] += e0 * wj[h];
+        a1[h] += e1 * wj[h];
+        a2[h] += e2 * wj[h];
+        a3[h] += e3 * wj[h];
+      }
+    }
+    float* o = out + static_cast<std::size_t>(r) * GP;
+    for (int h = 0; h < GP; ++h) {
+      o[h] = a0[h];
+      o[GP + h] = a1[h];
+      o[2 * GP + h] = a2[h];
+      o[3 * GP + h] = a3[h];
+    }
+  }
+  for (; r < count; ++r) {
+    float a0[GP] = {};
+    const float* x0 = x + static_cast<std::size_t>(r) * k;
+    for (int j = 0; j < k; ++j) {
+      const float* wj = w + static_cast<std::size_t>(j) * GP;
+      for (int h = 0; h < GP; ++h) a0[h] += x0[j] * wj[h];
+    }
+    for (int h = 0; h < GP; ++h) out[static_cast<std::size_t>(r) * GP + h] = a0[h];
+  }
+}
+
+// The kernels for a padded width known only at run time.
+template <template <int> class Kernel, class... Args>
+void ForWidth(int gp, Args... args) {
+  switch (gp) {
+    case 8:
+      return Kernel<8>::Run(args...);
+    case 16:
+      return Kernel<16>::Run(args...);
+    case 24:
+      return Kernel<24>::Run(args...);
+    case 32:
+      return Kernel<32>::Run(args...);
+    case 40:
+      return Kernel<40>::Run(args...);
+    case 48:
+      return Kernel<48>::Run(args...);
+    case 56:
+      return Kernel<56>::Run(args...);
+    default:
+      return Kernel<64>::Run(args...);
+  }
+}
+// Where the processor has AVX2 the kernels run on eight-lane registers, written out with
+// intrinsics since the compiler does not vectorise these loops well by itself. The arithmetic is
+// the same as the baseline loops above, operation for operation (no fused multiply-add), so the
+// results do not depend on the processor.
+#if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
+#define MVDA_HAVE_AVX2_KERNELS 1
+const bool kHasAvx2 = __builtin_cpu_supports("avx2");
+
+template <int GP>
+__attribute__((target("avx2"))) void AccumulateColumnsAvx2(const float* x, const float* v,
+                                                           int count, int k, float* acc) {
+  constexpr int L = GP / 8;
+  int r = 0;
+  for (; r + 4 <= count; r += 4) {
+    const float* x0 = x + static_cast<std::size_t>(r) * k;
+    const float *x1 = x0 + k, *x2 = x1 + k, *x3 = x2 + k;
+    __m256 v0[L], v1[L], v2[L], v3[L];
+    for (int l = 0; l < L; ++l) {
+      v0[l] = _mm256_loadu_ps(v + (r + 0) * GP + 8 * l);
+      v1[l] = _mm256_loadu_ps(v + (r + 1) * GP + 8 * l);
+      v2[l] = _mm256_loadu_ps(v + (r + 2) * GP + 8 * l);
+      v3[l] = _mm256_loadu_ps(v + (r + 3) * GP + 8 * l);
+    }
+    for (int j = 0; j < k; ++j) {
+      float* a = acc + static_cast<std::size_t>(j) * GP;
+      const __m256 e0 = _mm256_set1_ps(x0[j]), e1 = _mm256_set1_ps(x1[j]),
+                   e2 = _mm256_set1_ps(x2[j]), e3 = _mm256_set1_ps(x3[j]);
+      for (int l = 0; l < L; ++l) {
+        __m256 sum = _mm256_loadu_ps(a + 8 * l);
+        sum = _mm256_add_ps(sum, _mm256_mul_ps(e0, v0[l]));
+        sum = _mm256_add_ps(sum, _mm256_mul_ps(e1, v1[l]));
+        sum = _mm256_add_ps(sum, _mm256_mul_ps(e2, v2[l]));
+        sum = _mm256_add_ps(sum, _mm256_mul_ps(e3, v3[l]));
+        _mm256_storeu_ps(a + 8 * l, sum);
+      }
+    }
+  }
+  for (; r < count; ++r) {
+    const float* x0 = x + static_cast<std::size_t>(r) * k;
+    for (int j = 0; j < k; ++j) {
+      float* a = acc + static_cast<std::size_t>(j) * GP;
+      const __m256 e0 = _mm256_set1_ps(x0[j]);
+      for (int l = 0; l < L; ++l)
+        _mm256_storeu_ps(a + 8 * l,
+                         _mm256_add_ps(_mm256_loadu_ps(a + 8 * l),
+                                       _mm256_mul_ps(e0, _mm256_loadu_ps(v + r * GP + 8 * l))));
+    }
+  }
+}
+
+template <int GP>
+__attribute__((target("avx2"))) void RowProductsAvx2(const float* x, const float* w, int count,
+                                                     int k, float* out) {
+  constexpr int L = GP / 8;
+  int r = 0;
+  for (; r + 4 <= count; r += 4) {
+    const float* x0 = x + static_cast<std::size_t>(r) * k;
+    const float *x1 = x0 + k, *x2 = x1 + k, *x3 = x2 + k;
+    __m256 a0[L], a1[L], a2[L], a3[L];
+    for (int l = 0; l < L; ++l) a0[l] = a1[l] = a2[l] = a3[l] = _mm256_setzero_ps();
+    for (int j = 0; j < k; ++j) {
+      const float* wj = w + static_cast<std::size_t>(j) * GP;
+      const __m256 e0 = _mm256_set1_ps(x0[j]), e1 = _mm256_set1_ps(x1[j]),
+                   e2 = _mm256_set1_ps(x2[j]), e3 = _mm256_set1_ps(x3[j]);
+      for (int l = 0; l < L; ++l) {
+        const __m256 wl = _mm256_loadu_ps(wj + 8 * l);
+        a0[l] = _mm256_add_ps(a0[l], _mm256_mul_ps(e0, wl));
+        a1[l] = _mm256_add_ps(a1[l], _mm256_mul_ps(e1, wl));
+        a2[l] = _mm256_add_ps(a2[l], _mm256_mul_ps(e2, wl));
+        a3[l] = _mm256_add_ps(a3[l], _mm256_mul_ps(e3, wl));
+      }
+    }
+    float* o = out + static_cast<std::size_t>(r) * GP;
+    for (int l = 0; l < L; ++l) {
+      _mm256_storeu_ps(o + 8 * l, a0[l]);
+      _mm256_storeu_ps(o + GP + 8 * l, a1[l]);
+      _mm256_storeu_ps(o + 2 * GP + 8 * l, a2[l]);
+      _mm256_storeu_ps(o + 3 * GP + 8 * l, a3[l]);
+    }
+  }
+  for (; r < count; ++r) {
+    const float* x0 = x + static_cast<std::size_t>(r) * k;
+    __m256 a0[L];
+    for (int l = 0; l < L; ++l) a0[l] = _mm256_setzero_ps();
+    for (int j = 0; j < k; ++j) {
+      const __m256 e0 = _mm256_set1_ps(x0[j]);
+      for (int l = 0; l < L; ++l)
+        a0[l] = _mm256_add_ps(
+            a0[l],
+            _mm256_mul_ps(e0, _mm256_loadu_ps(w + static_cast<std::size_t>(j) * GP + 8 * l)));
+    }
+    for (int l = 0; l < L; ++l)
+      _mm256_storeu_ps(out + static_cast<std::size_t>(r) * GP + 8 * l, a0[l]);
+  }
+}
+#else
+const bool kHasAvx2 = false;
+#endif
+
+template <int GP>
+struct ColumnKernel {
+  static void Run(const float* x, const float* v, int count, int k, float* acc) {
+#ifdef MVDA_HAVE_AVX2_KERNELS
+    if (kHasAvx2) return AccumulateColumnsAvx2<GP>(x, v, count, k, acc);
+#endif
+    AccumulateColumns<GP>(x, v, count, k, acc);
+  }
+};
+template <int GP>
+struct RowKernel {
+  static void Run(const float* x, const float* w, int count, int k, float* out) {
+#ifdef MVDA_HAVE_AVX2_KERNELS
+    if (kHasAvx2) return RowProductsAvx2<GP>(x, w, count, k, out);
+#endif
+    RowProducts<GP>(x, w, count, k, out);
+  }
+};
+
+constexpr int kMaxBatch = 64;
 
 }  // namespace
 
@@ -46,88 +282,141 @@ BatchedRegressions::BatchedRegressions(const NCDataMatrix<float>& x)
     : rows_(x.SizeRows()),
       columns_(x.SizeColumns()),
       values_(static_cast<std::size_t>(rows_) * columns_),
-      column_gone_(static_cast<std::size_t>(columns_), 0),
-      row_has_gap_(static_cast<std::size_t>(rows_), 0) {
-  const bool gaps = x.GetNumMisVal() > 0;
-  if (gaps) mask_.assign(values_.size(), 1.0f);
+      gap_start_(static_cast<std::size_t>(rows_) + 1, 0),
+      column_gone_(static_cast<std::size_t>(columns_), 0) {
   ParallelFor(rows_, [&](int i) {
-    const NCDataVector<float>& row = x[i + 1];
-    float* to = values_.data() + static_cast<std::size_t>(i) * columns_;
-    if (columns_ > 0) std::memcpy(to, row.GetVector() + 1, sizeof(float) * columns_);
-    if (row.GetNumMisVal() == 0) return;
-    row_has_gap_[i] = 1;
-    float* present = mask_.data() + static_cast<std::size_t>(i) * columns_;
-    for (int j = 0; j < columns_; ++j)
-      if (to[j] == kMis) to[j] = present[j] = 0.0f;
+    if (columns_ > 0)
+      std::memcpy(values_.data() + static_cast<std::size_t>(i) * columns_, x[i + 1].GetVector() + 1,
+                  sizeof(float) * columns_);
   });
+  // The gaps row by row, in column order, and the gaps themselves set to 0 so that the products
+  // skip them.
+  for (int i = 0; i < rows_; ++i) {
+    gap_start_[i] = static_cast<int>(gap_columns_.size());
+    if (x[i + 1].GetNumMisVal() == 0) continue;
+    float* row = values_.data() + static_cast<std::size_t>(i) * columns_;
+    for (int j = 0; j < columns_; ++j)
+      if (row[j] == kMis) {
+        row[j] = 0.0f;
+        gap_columns_.push_back(j);
+      }
+  }
+  gap_start_[rows_] = static_cast<int>(gap_columns_.size());
   for (int j = 0; j < columns_; ++j) column_gone_[j] = x.GetColumnMisVal(j + 1) == rows_;
 }
 
 void BatchedRegressions::RegressColumns(const float* v, int g, bool fix, float* out) const {
+  if (g > kMaxBatch) {  // wider batches in pieces
+    std::vector<float> part(static_cast<std::size_t>(rows_) * kMaxBatch),
+        result(static_cast<std::size_t>(columns_) * kMaxBatch);
+    for (int first = 0; first < g; first += kMaxBatch) {
+      const int width = std::min(kMaxBatch, g - first);
+      for (int i = 0; i < rows_; ++i)
+        std::memcpy(part.data() + static_cast<std::size_t>(i) * width,
+                    v + static_cast<std::size_t>(i) * g + first, sizeof(float) * width);
+      RegressColumns(part.data(), width, fix, result.data());
+      for (int j = 0; j < columns_; ++j)
+        std::memcpy(out + static_cast<std::size_t>(j) * g + first,
+                    result.data() + static_cast<std::size_t>(j) * width, sizeof(float) * width);
+    }
+    return;
+  }
   if (g < 1 || columns_ == 0) return;
   const Operand in(v, rows_, g);
-  std::vector<float> a(static_cast<std::size_t>(columns_) * g, 0.0f), b;
-  if (rows_ > 0) {
-    Gemm(true, false, columns_, g, rows_, values_.data(), columns_, in.zeroed.data(), g, a.data(),
-         g);
-    if (HasGaps()) {
-      b.assign(a.size(), 0.0f);
-      Gemm(true, false, columns_, g, rows_, mask_.data(), columns_, in.squares.data(), g, b.data(),
-           g);
-    }
-  }
-  for (int j = 0; j < columns_; ++j)
-    for (int h = 0; h < g; ++h) {
-      const std::size_t e = static_cast<std::size_t>(j) * g + h;
-      const double paired = HasGaps() ? static_cast<double>(b[e]) : in.all[h];
-      if (column_gone_[j] || (paired == 0 && !ColumnHasPair(j, v, g, h))) {
-        out[e] = kMis;
-      } else {
-        out[e] = Coefficient(a[e], paired, in.all[h], fix);
+  const int gp = in.gp, k = columns_;
+  const int bands = (rows_ + kBandRows - 1) / kBandRows;
+  const std::size_t block = static_cast<std::size_t>(k) * gp;
+  // Per band: the products, and at the band's gaps the squares of the vectors and the number of
+  // their present elements, which the paired sums of squares and the pair counts lack against the
+  // whole vectors.
+  std::vector<float> sums(static_cast<std::size_t>(bands) * block, 0.0f);
+  std::vector<float> gapSquares(HasGaps() ? sums.size() : 0, 0.0f);
+  std::vector<float> gapPresent(gapSquares.size(), 0.0f);  // counts, exact in a float
+  ParallelFor(bands, [&](int band) {
+    const int first = band * kBandRows, count = std::min(kBandRows, rows_ - first);
+    ForWidth<ColumnKernel>(gp, values_.data() + static_cast<std::size_t>(first) * k,
+                           in.zeroed.data() + static_cast<std::size_t>(first) * gp, count, k,
+                           sums.data() + band * block);
+    if (!HasGaps()) return;
+    float* squares = gapSquares.data() + band * block;
+    float* present = gapPresent.data() + band * block;
+    for (int i = first; i < first + count; ++i) {
+      const float* q = in.squares.data() + static_cast<std::size_t>(i) * gp;
+      const float* m = in.marks.data() + static_cast<std::size_t>(i) * gp;
+      for (int e = gap_start_[i]; e < gap_start_[i + 1]; ++e) {
+        const std::size_t at = static_cast<std::size_t>(gap_columns_[e]) * gp;
+        for (int h = 0; h < gp; ++h) {
+          squares[at + h] += q[h];
+          present[at + h] += m[h];
+        }
       }
+    }
+  });
+  for (int j = 0; j < k; ++j)
+    for (int h = 0; h < g; ++h) {
+      double a = 0, missed = 0;
+      int pairs = in.present[h];
+      const std::size_t at = static_cast<std::size_t>(j) * gp + h;
+      for (int band = 0; band < bands; ++band) {
+        a += sums[band * block + at];
+        if (HasGaps()) {
+          missed += gapSquares[band * block + at];
+          pairs -= static_cast<int>(gapPresent[band * block + at]);
+        }
+      }
+      const std::size_t e = static_cast<std::size_t>(j) * g + h;
+      if (column_gone_[j] || pairs == 0)
+        out[e] = kMis;
+      else
+        out[e] = Coefficient(a, std::max(0.0, in.all[h] - missed), in.all[h], fix);
     }
 }
 
 void BatchedRegressions::RegressRows(const float* w, int g, bool fix, float* out) const {
+  if (g > kMaxBatch) {
+    std::vector<float> part(static_cast<std::size_t>(columns_) * kMaxBatch),
+        result(static_cast<std::size_t>(rows_) * kMaxBatch);
+    for (int first = 0; first < g; first += kMaxBatch) {
+      const int width = std::min(kMaxBatch, g - first);
+      for (int j = 0; j < columns_; ++j)
+        std::memcpy(part.data() + static_cast<std::size_t>(j) * width,
+                    w + static_cast<std::size_t>(j) * g + first, sizeof(float) * width);
+      RegressRows(part.data(), width, fix, result.data());
+      for (int i = 0; i < rows_; ++i)
+        std::memcpy(out + static_cast<std::size_t>(i) * g + first,
+                    result.data() + static_cast<std::size_t>(i) * width, sizeof(float) * width);
+    }
+    return;
+  }
   if (g < 1 || rows_ == 0) return;
   const Operand in(w, columns_, g);
-  std::vector<float> a(static_cast<std::size_t>(rows_) * g, 0.0f), b;
-  if (columns_ > 0) {
-    Gemm(false, false, rows_, g, columns_, values_.data(), columns_, in.zeroed.data(), g, a.data(),
-         g);
-    if (HasGaps()) {
-      b.assign(a.size(), 0.0f);
-      Gemm(false, false, rows_, g, columns_, mask_.data(), columns_, in.squares.data(), g, b.data(),
-           g);
-    }
-  }
-  for (int i = 0; i < rows_; ++i)
-    for (int h = 0; h < g; ++h) {
-      const std::size_t e = static_cast<std::size_t>(i) * g + h;
-      const double paired = row_has_gap_[i] ? static_cast<double>(b[e]) : in.all[h];
-      if (columns_ == 0 || (paired == 0 && !RowHasPair(i, w, g, h))) {
-        out[e] = kMis;
-      } else {
-        out[e] = Coefficient(a[e], paired, in.all[h], fix);
+  const int gp = in.gp, k = columns_;
+  const int bands = (rows_ + kBandRows - 1) / kBandRows;
+  ParallelFor(bands, [&](int band) {
+    const int first = band * kBandRows, count = std::min(kBandRows, rows_ - first);
+    std::vector<float> products(static_cast<std::size_t>(count) * gp);
+    ForWidth<RowKernel>(gp, values_.data() + static_cast<std::size_t>(first) * k, in.zeroed.data(),
+                        count, k, products.data());
+    std::vector<float> missed(static_cast<std::size_t>(gp)), lost(missed.size());
+    for (int i = first; i < first + count; ++i) {
+      std::fill(missed.begin(), missed.end(), 0.0f);
+      std::fill(lost.begin(), lost.end(), 0.0f);
+      for (int e = gap_start_[i]; e < gap_start_[i + 1]; ++e) {
+        const std::size_t at = static_cast<std::size_t>(gap_columns_[e]) * gp;
+        for (int h = 0; h < gp; ++h) {
+          missed[h] += in.squares[at + h];
+          lost[h] += in.marks[at + h];
+        }
+      }
+      for (int h = 0; h < g; ++h) {
+        const std::size_t e = static_cast<std::size_t>(i) * g + h;
+        if (in.present[h] == static_cast<int>(lost[h]))
+          out[e] = kMis;
+        else
+          out[e] = Coefficient(products[static_cast<std::size_t>(i - first) * gp + h],
+                               std::max(0.0, in.all[h] - missed[h]), in.all[h], fix);
       }
     }
+  });
 }
-
-// Asked only when a paired sum of squares came out 0, to tell "no pair" from "only zero weights".
-bool BatchedRegressions::ColumnHasPair(int j, const float* v, int g, int h) const {
-  for (int i = 0; i < rows_; ++i)
-    if (v[static_cast<std::size_t>(i) * g + h] != kMis &&
-        (mask_.empty() || mask_[static_cast<std::size_t>(i) * columns_ + j] != 0.0f))
-      return true;
-  return false;
-}
-
-bool BatchedRegressions::RowHasPair(int i, const float* w, int g, int h) const {
-  for (int j = 0; j < columns_; ++j)
-    if (w[static_cast<std::size_t>(j) * g + h] != kMis &&
-        (mask_.empty() || mask_[static_cast<std::size_t>(i) * columns_ + j] != 0.0f))
-      return true;
-  return false;
-}
-
 }  // namespace mvda::detail

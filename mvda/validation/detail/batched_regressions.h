@@ -14,9 +14,10 @@ namespace mvda::detail {
 // A cross-validation fits one short NIPALS component per group, each on the same residual matrix
 // with some rows (or columns) left out. One group at a time, each iteration streams the whole
 // matrix twice for a vector or two of arithmetic: the fits are bound by memory. Here the matrix is
-// laid out once as a contiguous copy with its gaps as 0 (plus a 0/1 mask of the present elements
-// when it has gaps), and the regressions of all groups are one matrix product each, reading the
-// matrix once for all of them.
+// laid out once as a contiguous copy with its gaps as 0 and a list of the gaps, and the
+// regressions of all groups are one product each, reading the matrix once for all of them. The
+// products run over fixed bands of rows on the library's threads, so the results are the same
+// bits for any number of threads.
 //
 // The vectors of the groups are the columns of a row-major block: element (i, h) at [i * g + h].
 // An element of -99 takes no part, exactly like a missing element of the vector passed to the
@@ -26,17 +27,18 @@ namespace mvda::detail {
 // element: over the present pairs, -99 where there is no pair (or the column is missing
 // throughout), a paired sum of squares below 1e-30 taken as 0, and with `fix` the denominator
 // never below a third of the vector's sum of squares. They agree with those to rounding, not to
-// the bit: the sums here are formed by BLAS in single precision, in another order.
+// the bit: the products are summed in single precision within bands of rows, in another order, and
+// the paired sums of squares are the whole sums less the squares at the gaps.
 //
-// Thread-safety: const members may run on several threads; the products use BLAS's own threads,
-// whose count NCMultiThreading::ThreadingControl sets.
+// Thread-safety: const members may run on several threads; the products use the library's team,
+// sized by NCMultiThreading::ThreadingControl.
 class MVDA_EXPORT BatchedRegressions {  // exported for its tests only
  public:
   explicit BatchedRegressions(const NCDataMatrix<float>& x);
 
   int Rows() const { return rows_; }
   int Columns() const { return columns_; }
-  bool HasGaps() const { return !mask_.empty(); }
+  bool HasGaps() const { return !gap_columns_.empty(); }
 
   // out (Columns() x g, row-major) = every column of x regressed on each of the g vectors in v
   // (Rows() x g, row-major).
@@ -46,14 +48,11 @@ class MVDA_EXPORT BatchedRegressions {  // exported for its tests only
   void RegressRows(const float* w, int g, bool fix, float* out) const;
 
  private:
-  bool ColumnHasPair(int j, const float* v, int g, int h) const;
-  bool RowHasPair(int i, const float* w, int g, int h) const;
-
   int rows_ = 0, columns_ = 0;
   std::vector<float> values_;      // rows_ x columns_, gaps as 0
-  std::vector<float> mask_;        // 1 where present, 0 at a gap; empty without gaps
+  std::vector<int> gap_start_;     // the gaps of row i: gap_columns_[gap_start_[i] ..
+  std::vector<int> gap_columns_;   //   gap_start_[i + 1]), 0-based columns in order
   std::vector<char> column_gone_;  // columns missing throughout
-  std::vector<char> row_has_gap_;  // rows with at least one gap
 };
 
 }  // namespace mvda::detail

@@ -19,11 +19,12 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
-#include <random>
 #include <vector>
 
 #include <benchmark/benchmark.h>
 #include <cblas.h>
+
+#include "latent_data.h"
 
 namespace {
 
@@ -31,47 +32,17 @@ constexpr int kRows = 10000;
 constexpr int kColumns = 500;
 constexpr int kComponents = 5;
 constexpr int kMaxIterations = 500;
-constexpr int kLatent = 8;
-
-struct Data {
-  NCDataMatrix<float> complete, gappy;  // gappy: about 10% of the cells missing
-  std::vector<float> contiguous;        // the complete matrix, row after row
-};
 
 // Eight latent components with singular values falling by a factor 0.78 each, plus noise: the
 // eigenvalue ratio of about 0.6 between neighbours gives NIPALS a realistic 20 to 30 iterations
 // per component. Fixed seed.
-const Data& Get() {
-  static const Data data = [] {
-    Data d;
-    std::mt19937 gen(29);
-    std::normal_distribution<float> normal(0, 1);
-    std::uniform_real_distribution<float> coin(0, 1);
-    std::vector<float> t(static_cast<size_t>(kRows) * kLatent),
-        p(static_cast<size_t>(kColumns) * kLatent);
-    for (float& x : t) x = normal(gen);
-    for (float& x : p) x = normal(gen);
-    d.complete = NCDataMatrix<float>(kRows, kColumns, 0.0f);
-    d.gappy = NCDataMatrix<float>(kRows, kColumns, 0.0f);
-    d.contiguous.resize(static_cast<size_t>(kRows) * kColumns);
-    for (int i = 0; i < kRows; ++i)
-      for (int j = 0; j < kColumns; ++j) {
-        float x = 0.1f * normal(gen);
-        float s = 1;
-        for (int k = 0; k < kLatent; ++k, s *= 0.78f)
-          x +=
-              s * t[static_cast<size_t>(i) * kLatent + k] * p[static_cast<size_t>(j) * kLatent + k];
-        d.complete(i + 1, j + 1, x);
-        d.gappy(i + 1, j + 1, coin(gen) < 0.1f ? -99.0f : x);
-        d.contiguous[static_cast<size_t>(i) * kColumns + j] = x;
-      }
-    return d;
-  }();
+const LatentData& Get() {
+  static const LatentData data = MakeLatentData(kRows, kColumns, 8, 0.78f, 0.1f, 29);
   return data;
 }
 
 // One NIPALS iteration's memory traffic and nothing else: p = X't, then u = X p.
-void TwoPasses(const Data& d, const std::vector<float>& t, std::vector<float>& p,
+void TwoPasses(const LatentData& d, const std::vector<float>& t, std::vector<float>& p,
                std::vector<float>& u) {
   cblas_sgemv(CblasRowMajor, CblasTrans, kRows, kColumns, 1.0f, d.contiguous.data(), kColumns,
               t.data(), 1, 0.0f, p.data(), 1);
@@ -80,7 +51,7 @@ void TwoPasses(const Data& d, const std::vector<float>& t, std::vector<float>& p
 }
 
 void BM_FloorTwoSgemv(benchmark::State& state) {
-  const Data& d = Get();
+  const LatentData& d = Get();
   const std::vector<float> t(kRows, 1.0f);
   std::vector<float> p(kColumns), u(kRows);
   for (auto _ : state) {
@@ -117,7 +88,7 @@ double Seconds(std::chrono::steady_clock::time_point since) {
 }
 
 void BM_Pca5Components(benchmark::State& state) {
-  const Data& d = Get();
+  const LatentData& d = Get();
   const NCDataMatrix<float>& x = state.range(0) ? d.gappy : d.complete;
   NCProgress silent;  // the base class draws nothing
   const std::vector<float> t(kRows, 1.0f);
@@ -165,7 +136,7 @@ BENCHMARK(BM_Pca5Components)
 // (TransformToSub_V_x_Vt on a private matrix) against sger. Reported time: one library call;
 // x_blas: its fastest call over the baseline's fastest.
 void BM_FitStep(benchmark::State& state) {
-  const Data& d = Get();
+  const LatentData& d = Get();
   const int step = static_cast<int>(state.range(0));
   const NCDataMatrix<float>& x = state.range(1) ? d.gappy : d.complete;
   NCDataMatrix<float> e;

@@ -24,11 +24,12 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
-#include <random>
 #include <vector>
 
 #include <benchmark/benchmark.h>
 #include <cblas.h>
+
+#include "latent_data.h"
 
 namespace {
 
@@ -37,41 +38,11 @@ constexpr int kColumns = 500;
 constexpr int kComponents = 5;
 constexpr int kGroups = 7;
 constexpr int kMaxIterations = 500;
-constexpr int kLatent = 6;
-
-struct Data {
-  NCDataMatrix<float> complete, gappy;  // gappy: about 10% of the cells missing
-  std::vector<float> contiguous;        // the complete matrix, row after row
-};
 
 // Six latent directions with singular values falling by a factor 0.75 each, plus noise. Fixed
 // seed.
-const Data& Get() {
-  static const Data data = [] {
-    Data d;
-    std::mt19937 gen(41);
-    std::normal_distribution<float> normal(0, 1);
-    std::uniform_real_distribution<float> coin(0, 1);
-    std::vector<float> t(static_cast<size_t>(kRows) * kLatent),
-        p(static_cast<size_t>(kColumns) * kLatent);
-    for (float& x : t) x = normal(gen);
-    for (float& x : p) x = normal(gen);
-    d.complete = NCDataMatrix<float>(kRows, kColumns, 0.0f);
-    d.gappy = NCDataMatrix<float>(kRows, kColumns, 0.0f);
-    d.contiguous.resize(static_cast<size_t>(kRows) * kColumns);
-    for (int i = 0; i < kRows; ++i)
-      for (int j = 0; j < kColumns; ++j) {
-        float x = 0.3f * normal(gen);
-        float s = 1;
-        for (int k = 0; k < kLatent; ++k, s *= 0.75f)
-          x +=
-              s * t[static_cast<size_t>(i) * kLatent + k] * p[static_cast<size_t>(j) * kLatent + k];
-        d.complete(i + 1, j + 1, x);
-        d.gappy(i + 1, j + 1, coin(gen) < 0.1f ? -99.0f : x);
-        d.contiguous[static_cast<size_t>(i) * kColumns + j] = x;
-      }
-    return d;
-  }();
+const LatentData& Get() {
+  static const LatentData data = MakeLatentData(kRows, kColumns, 6, 0.75f, 0.3f, 41);
   return data;
 }
 
@@ -95,7 +66,7 @@ class IterationCounter : public NCProgress {
 };
 
 void BM_FloorTwoSgemv(benchmark::State& state) {
-  const Data& d = Get();
+  const LatentData& d = Get();
   const std::vector<float> t(kRows, 1.0f);
   std::vector<float> p(kColumns), u(kRows);
   for (auto _ : state) {

@@ -1,17 +1,17 @@
 // PLSCrossValidation: per-component cross-validation of a PLS model and the significance rules.
 // PLSMissingValueEstimator is in pls_cross_validation_missing.cpp.
-#include <mvda/models/pls_pred.h>
+#include <mvda/containers/detail/parallel_for.h>
 #include <mvda/platform/error.h>
 #include <mvda/platform/language_string.h>
 #include <mvda/platform/progress.h>
 #include <mvda/validation/cv_groups.h>
+#include <mvda/validation/detail/pls_group_fits.h>
 #include <mvda/validation/pls_cross_validation.h>
 
 #include <algorithm>
 #include <cmath>
 #include <memory>
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace {
@@ -19,6 +19,7 @@ namespace {
 using Matrix = PLSCrossValidation::Matrix;
 using Vector = PLSCrossValidation::Vector;
 using GroupVector = PLSCrossValidation::GroupVector;
+using GroupFit = mvda::detail::PlsGroupFit;
 
 constexpr float kMis = -99.0f;
 
@@ -43,6 +44,62 @@ double Dot(const Vector& a, const Vector& b) {
     if (a[j] != kMis && b[j] != kMis) sum += static_cast<double>(a[j]) * b[j];
   return sum;
 }
+
+// The most missing X values a left-out row may have and still be scored: NCPLSResiduals' rule for
+// a first component with the tolerance 0.9999 of the predictions, K - 1 and at most K x 0.9999
+// (rounded to float, then truncated), so that one present value suffices up to K = 10000.
+int LeftOutLimit(int k) {
+  const float allowed = static_cast<float>(k) * 0.9999f;
+  return allowed < static_cast<float>(k - 1) ? static_cast<int>(allowed) : k - 1;
+}
+
+// The sum of squares of the group's training rows of y (-99 when none is present); with deflate,
+// of the sub-model's Y residuals, y - t c' wherever the element and both factors are present as
+// NCPLS::CalculateResiduals leaves them.
+long double TrainingSS(const Matrix& y, const GroupFit& fit, bool deflate) {
+  long double ss = 0;
+  bool present = false;
+  for (const int i : fit.train) {
+    const Vector& yi = y[i];
+    const float t = deflate ? fit.t[i] : kMis;
+    for (int j = 1; j <= yi.Size(); ++j) {
+      float e = yi[j];
+      if (e == kMis) continue;
+      present = true;
+      if (t != kMis && fit.c[j] != kMis) e -= t * fit.c[j];
+      ss += static_cast<long double>(e) * e;
+    }
+  }
+  return present ? ss : kMis;
+}
+
+// The squares of w (0 where it is missing) and their sum w'w, which tell the rows whose floored
+// regression on w is the plain one.
+class Squares {
+ public:
+  explicit Squares(const Vector& w) : of_(static_cast<std::size_t>(w.Size()) + 1, 0.0f) {
+    for (int j = 1; j <= w.Size(); ++j)
+      if (w[j] != kMis) all_ += static_cast<double>(of_[j] = w[j] * w[j]);
+  }
+  // Whether the floor of a third of w'w binds for the row, its paired sum of squares being w'w
+  // less the squares at its gaps; true also when w'w is too small, or not a number, for the floor
+  // to be told apart from the paired sum.
+  bool FloorBinds(const Vector& row) const {
+    if (!(all_ / 3 >= 1e-30) || !std::isfinite(all_)) return true;
+    if (row.GetNumMisVal() == 0) return false;
+    const float *z = row.GetVector() + 1, *squares = of_.data() + 1;
+    const int k = row.Size();
+    float lost = 0;
+    // A product rather than a choice, so that the loop vectorises: every square is finite here.
+#pragma omp simd reduction(+ : lost)
+    for (int j = 0; j < k; ++j) lost += (z[j] == kMis ? 1.0f : 0.0f) * squares[j];
+    return all_ - lost < all_ / 3;
+  }
+
+ private:
+  std::vector<float> of_;
+  double all_ = 0;
+};
 
 // The updated cumulative Q2: 1 - (1 - previous) min(press / ss, 1.1).
 float Cumulative(float previous, double press, double ss) {
@@ -133,6 +190,7 @@ void PLSCrossValidation::NextComponent(const Vector* w, int maxIterations,
                   Str(x.SizeColumns()) + " and " + Str(y.SizeRows()) + " x " +
                   Str(y.SizeColumns()) + " but were " + Str(n) + " x " + Str(k) + " and " + Str(n) +
                   " x " + Str(m) + " when the validation was made");
+  if (k < 1) throw NCError(std::string(place) + "the model's X residuals have no columns");
   if (model_->GetComponents() < 1)
     throw NCError(std::string(place) + "the model has no component to validate");
   if (!w) throw NCError(std::string(place) + "the weight vector is null");
@@ -166,47 +224,62 @@ void PLSCrossValidation::NextComponent(const Vector* w, int maxIterations,
     shown = own.get();
   }
 
-  std::vector<int> test, train;
+  const std::vector<GroupFit> fits =
+      mvda::detail::FitPlsGroups(x, y, *w, group_ids_, groups_, maxIterations);
+
+  // Each observation scored by the sub-model that left it out, as NCPLSPred(its group's X, W, P,
+  // C, 0.9999) scores it with one component: the floored regression of the row on w. Where the
+  // floor of a third of w'w cannot bind, that is the plain row regression of the fit's last
+  // iteration; only the other rows are regressed again. NCPLSPred would also deflate a copy of
+  // the rows, which nothing here reads.
+  std::vector<float> regressed(static_cast<std::size_t>(n) + 1);
+  std::vector<Squares> squares;
+  for (const GroupFit& fit : fits) {
+    for (std::size_t r = 0; r < fit.test.size(); ++r) regressed[fit.test[r]] = fit.testScores[r];
+    squares.emplace_back(fit.w);
+  }
+  const int limit = LeftOutLimit(k);
+  mvda::detail::ParallelFor(n, [&](int r) {
+    const int i = r + 1, g = group_ids_[i];
+    const Vector& row = x[i];
+    if (row.GetNumMisVal() > limit)
+      tp[i] = kMis;
+    else if (!squares[g].FloorBinds(row))
+      tp[i] = regressed[i];
+    else
+      tp[i] = static_cast<float>(fits[g].w.SpecialNipalsRegressFix(row));
+  });
+
   for (int g = 0; g < groups_; ++g) {
-    if (shown) shown->SetText(LanguageString::Format(10163, g + 1));
-
-    Matrix trainX, trainY, testX;
-    SplitRows(g, test, train, trainX, trainY, testX);
-    if (model_->GetComponents() == 1) ssyOriginal(g + 1, SSValue(trainY.GetSS()));
-
-    NCPLS sub(&trainX, &trainY, maxIterations);
-    sub.NextComponent(shown, w, quiet, false);
-    // Only the sub-model's Y residuals are read, so only Y is deflated, by the rank-one update that
-    // NCPLS::CalculateResiduals applies to it; deflating the training X as well would copy and
-    // rewrite it once per group for nothing.
-    const Vector& fitted = (*sub.GetTprim())[1];
-    Matrix yResiduals(*sub.GetYResiduals());
-    yResiduals.TransformToSub_V_x_Vt(fitted, (*sub.GetCprim())[1]);
-    ssy(g + 1, SSValue(yResiduals.GetSS()));
-
-    NCPLSPred pred(testX, *sub.GetWprim(), *sub.GetPprim(), *sub.GetCprim(), 0.9999f);
-    pred.CalcNextComponent();
-    const Vector& predicted = *pred.GetTPred();
-    const Matrix& yPred = *pred.GetYPred();
+    const GroupFit& fit = fits[g];
+    // The groups were fitted together, so the calls that their fits would have made one after
+    // the other come now, group by group. At the sizes where progress matters the batch of all
+    // groups takes a fraction of a second, so hearing of it afterwards costs the host nothing in
+    // responsiveness.
+    if (shown) {
+      shown->SetText(LanguageString::Format(10163, g + 1));
+      fit.Replay(*shown);
+    }
+    if (model_->GetComponents() == 1) ssyOriginal(g + 1, SSValue(TrainingSS(y, fit, false)));
+    ssy(g + 1, SSValue(TrainingSS(y, fit, true)));
 
     // The group's score row: fitted scores at the training positions, predicted ones at the test
     // positions.
-    Vector scores(n, 0.0f);
+    Vector scores = fit.t;
     scores.Unlink();
     float* s = scores.GetVector();
-    for (std::size_t f = 0; f < train.size(); ++f) s[train[f]] = fitted[static_cast<int>(f) + 1];
-    for (std::size_t r = 0; r < test.size(); ++r) {
-      const int i = test[r];
-      const float value = predicted[static_cast<int>(r) + 1];
-      s[i] = tp[i] = value;
+    for (const int i : fit.test) {
+      s[i] = tp[i];
       const Vector& yi = y[i];
-      const Vector& pi = yPred[static_cast<int>(r) + 1];
-      for (int j = 1; j <= m; ++j)
-        yPredResiduals(i, j, yi[j] == kMis || pi[j] == kMis ? kMis : yi[j] - pi[j]);
+      for (int j = 1; j <= m; ++j) {
+        // The prediction t c_j, left at 0 where either factor is missing, as NCPLSPred leaves it.
+        const float predicted = tp[i] == kMis || fit.c[j] == kMis ? 0.0f : tp[i] * fit.c[j];
+        yPredResiduals(i, j, yi[j] == kMis || predicted == kMis ? kMis : yi[j] - predicted);
+      }
     }
     scores.SetNumMisVal(static_cast<int>(std::count(s + 1, s + n + 1, kMis)));
 
-    Vector wg = (*sub.GetWprim())[1], cg = (*sub.GetCprim())[1], pg = (*sub.GetPprim())[1];
+    Vector wg = fit.w, cg = fit.c, pg = fit.p;
     // Each sub-model takes the sign NIPALS happens to give it; aligning the sets with the full
     // model's w lets a caller compare the groups' weights and loadings directly. TPred stays as
     // the sub-models gave it.
@@ -265,49 +338,6 @@ void PLSCrossValidation::NextComponent(const Vector* w, int maxIterations,
   ssy_original_ = ssyOriginal;
   q2_tot_ = q2Tot;
   q2_tot_cum_ = q2TotCum;
-}
-
-// Training rows share the model's row buffers (no element is copied) and keep their own order
-// only where that is fastest. With a complete X they go by residue class of their position (every
-// G-th row from 1, then from 2, ...): rows filled one after another lie at one stride, and so do
-// every G-th of them, which lets the products read the training X in place instead of packing a
-// copy of it on every NIPALS pass; with the default groups each class is whole or left out. With
-// gaps the masked kernels stream the rows themselves, fastest in their own order, and removing
-// the test rows from a shared copy touches only the removed rows' counts. The order of the
-// training rows changes only the rounding of the sub-model's sums.
-void PLSCrossValidation::SplitRows(int g, std::vector<int>& test, std::vector<int>& train,
-                                   Matrix& trainX, Matrix& trainY, Matrix& testX) const {
-  const Matrix& x = *model_->GetXResiduals();
-  const Matrix& y = *model_->GetYResiduals();
-  const int n = x.SizeRows();
-  test.clear();
-  train.clear();
-  for (int i = 1; i <= n; ++i)
-    if (group_ids_[i] == g) test.push_back(i);
-  testX = Matrix(0, x.SizeColumns(), 0.0f);
-  testX.ReserveRows(static_cast<int>(test.size()));
-  for (int i : test) testX.push_back(x[i]);
-  if (x.GetNumMisVal() == 0) {
-    trainX = Matrix(0, x.SizeColumns(), 0.0f);
-    trainY = Matrix(0, y.SizeColumns(), 0.0f);
-    trainX.ReserveRows(n - static_cast<int>(test.size()));
-    trainY.ReserveRows(n - static_cast<int>(test.size()));
-    for (int r = 0; r < groups_; ++r)
-      for (int i = r == 0 ? groups_ : r; i <= n; i += groups_)
-        if (group_ids_[i] != g) {
-          train.push_back(i);
-          trainX.push_back(x[i]);
-          trainY.push_back(y[i]);
-        }
-  } else {
-    for (int i = 1; i <= n; ++i)
-      if (group_ids_[i] != g) train.push_back(i);
-    const GroupVector removed(test.data(), static_cast<int>(test.size()));
-    trainX = x;
-    trainY = y;
-    trainX.RemoveRows(removed);
-    trainY.RemoveRows(removed);
-  }
 }
 
 // ---------------------------------------------------------------------------------------------

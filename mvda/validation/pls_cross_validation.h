@@ -12,8 +12,6 @@
 #include <mvda/platform/stream.h>
 #include <mvda/validation/significance.h>
 
-#include <vector>
-
 class NCProgress;
 
 // Driven in step with the model, between extracting a component and deflating with it:
@@ -31,7 +29,10 @@ class NCProgress;
 // For every group g the component is refitted without the group's observations (a one-component
 // PLS of the other rows of the model's current residuals, started from the full model's weights),
 // the group is predicted by that sub-model, and the prediction residuals give PRESS and Q2, per Y
-// column and in total, for this component and cumulated over the components so far.
+// column and in total, for this component and cumulated over the components so far. The
+// sub-models of all groups are fitted in lockstep, each NIPALS step of every group from one pass
+// over the X residuals; they agree with separate NCPLS fits of the training rows to float
+// rounding, and each stops at its own iteration.
 //
 // The W, C, P and T sets hold one row per group for the latest component, sign-aligned with the
 // full model's w; TPred holds each observation's score from the sub-model that left it out, in
@@ -72,11 +73,13 @@ class MVDA_EXPORT PLSCrossValidation : public UStreamBase {
   //
   // Progress: with quiet, none at all. Otherwise each group shows the text of language string
   // 10163 with its number, on the given reporter or on one the call makes (NCProgress::
-  // CreateDefault, range 0..1) and releases. The sub-models are fitted without strict, so a
-  // degenerate group does not throw; its numbers go into PRESS as computed.
+  // CreateDefault, range 0..1) and releases, followed by the range that the group's sub-model
+  // sets after its first iteration (NCPLS::NextComponent); these calls come group by group once
+  // all groups have been fitted. The sub-models are fitted without strict, so a degenerate group
+  // does not throw; its numbers go into PRESS as computed.
   //
   // NCError, before anything changes, for a null w, sizes that do not fit, a model without a
-  // component, or a model whose shape differs from the one at construction.
+  // component or without X columns, or a model whose shape differs from the one at construction.
   void NextComponent(const Vector* w, int maxIterations, const Vector& initialColumnSS,
                      NCProgress* progress, bool quiet);
 
@@ -117,10 +120,6 @@ class MVDA_EXPORT PLSCrossValidation : public UStreamBase {
 
  private:
   void Init(int groups, const GroupVector* groupIds, const char* place);
-  // Group g's observations (test, increasing) and the others (train, in the order of the rows of
-  // trainX and trainY) of the model's current residuals.
-  void SplitRows(int g, std::vector<int>& test, std::vector<int>& train, Matrix& trainX,
-                 Matrix& trainY, Matrix& testX) const;
 
   Matrix y_pred_residuals_;
   Matrix w_set_;

@@ -1,14 +1,22 @@
 #include <mvda/containers/data_matrix.h>
+#include <mvda/containers/multi_threading.h>
 #include <mvda/models/pls.h>
+#include <mvda/models/pls_pred.h>
 #include <mvda/platform/error.h>
+#include <mvda/platform/language_string.h>
+#include <mvda/platform/progress.h>
 #include <mvda/validation/cv_groups.h>
 #include <mvda/validation/pls_cross_validation.h>
 #include <mvda/validation/significance.h>
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
+#include <memory>
 #include <random>
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -270,6 +278,253 @@ TEST(PlsCrossValidation, BadArgumentsThrowAndChangeNothing) {
   EXPECT_THROW(cv.NextComponent(&w, 100, MakeVector<float>({1, 1}), nullptr, true), NCError);
   EXPECT_EQ(*cv.GetTSet(), *before.GetTSet());
   EXPECT_EQ(cv.GetQ2TotCum(), before.GetQ2TotCum());
+}
+
+// X (n x 7) and Y (n x m) driven by two latent directions plus noise: t1 with spread s, t2 with
+// spread 1, Y column j by t1 for odd j and by t2 for even j, plus `mixed` j t2 (without it, and
+// with s = 1, the two directions compete and NIPALS takes many iterations to choose). Gaps: X row
+// 5 lacks everything (no score can be predicted for it), row 8 all but column 1 (its score is
+// divided by a third of w'w rather than by w_1^2), X column 7 is present only in the rows of group
+// 0 of three (its sub-model has no weight there), and a few single cells of X and Y are missing.
+void Gappy(int n, int m, double s, double mixed, unsigned seed, Matrix& x, Matrix& y) {
+  std::mt19937 gen(seed);
+  std::normal_distribution<double> z;
+  x = Matrix(n, 7, 0.0f), y = Matrix(n, m, 0.0f);
+  for (int i = 1; i <= n; ++i) {
+    const double t1 = s * z(gen), t2 = z(gen);
+    for (int j = 1; j <= 7; ++j)
+      x(i, j, static_cast<float>(t1 * std::cos(j) + t2 * std::sin(2.0 * j) + 0.3 * z(gen)));
+    for (int j = 1; j <= m; ++j)
+      y(i, j, static_cast<float>((j % 2 ? t1 : t2) + mixed * j * t2 + 0.5 * z(gen)));
+    if (i % 3 != 0) x(i, 7, -99.0f);
+  }
+  for (int j = 1; j <= 7; ++j) x(5, j, -99.0f);
+  for (int j = 2; j <= 6; ++j) x(8, j, -99.0f);
+  x(2, 3, -99.0f), x(11, 1, -99.0f), x(20, 6, -99.0f), y(4, 1, -99.0f), y(n, m, -99.0f);
+}
+
+// The largest |expected - actual| relative to the largest |expected|; infinite where one of a pair
+// is missing and the other is not.
+double Deviation(const Vector& expected, const Vector& actual) {
+  if (expected.Size() != actual.Size()) return std::numeric_limits<double>::infinity();
+  double largest = 0, deviation = 0;
+  for (int i = 1; i <= expected.Size(); ++i) {
+    if ((expected[i] == -99.0f) != (actual[i] == -99.0f))
+      return std::numeric_limits<double>::infinity();
+    if (expected[i] == -99.0f) continue;
+    largest = std::max(largest, std::fabs(double(expected[i])));
+    deviation = std::max(deviation, std::fabs(double(expected[i]) - actual[i]));
+  }
+  return deviation / std::max(largest, 1e-30);
+}
+
+// Every result of the latest component and the cumulative Q2, to the bit.
+void ExpectSame(const PLSCrossValidation& a, const PLSCrossValidation& b) {
+  using CV = PLSCrossValidation;
+  for (const auto get :
+       {&CV::GetWSet, &CV::GetCSet, &CV::GetPSet, &CV::GetTSet, &CV::GetYPredResiduals})
+    EXPECT_TRUE(*(a.*get)() == *(b.*get)());
+  for (const auto get :
+       {&CV::GetTPred, &CV::GetQ2YVar, &CV::GetQ2YVarCum, &CV::GetSSY, &CV::GetSSYOriginal})
+    EXPECT_TRUE(*(a.*get)() == *(b.*get)());
+  EXPECT_EQ(a.GetQ2Tot(), b.GetQ2Tot());
+  EXPECT_EQ(a.GetQ2TotCum(), b.GetQ2TotCum());
+}
+
+// Records texts and ranges; SetRange throws from call `throwAt` on (0: never).
+class RecordingProgress : public NCProgress {
+ public:
+  explicit RecordingProgress(int throwAt = 0) : throw_at_(throwAt) {}
+  void SetRange(double min, double max) override {
+    ranges.emplace_back(min, max);
+    if (throw_at_ > 0 && static_cast<int>(ranges.size()) >= throw_at_)
+      throw NCError("host failure", NCError::kStopRequested);
+  }
+  void SetText(const std::string& text) override { texts.push_back(text); }
+  bool SetValue(double) override { return ++values, true; }
+  std::vector<std::pair<double, double>> ranges;
+  std::vector<std::string> texts;
+  int values = 0;
+
+ private:
+  int throw_at_;
+};
+
+// The groups are fitted together, each to its own stop, and must give what one NCPLS sub-model
+// per group on the training rows and an NCPLSPred of the group give, fitted one after another as
+// the cross-validation once did: sets (sign-aligned with w), scores, predictions, sums of squares
+// and the range each fit reports after its first iteration, to rounding. Three Y columns (the
+// start from w's scores) on the first component and on the deflated residuals, one Y column (the
+// start from that column, its gap filled), an iteration limit that stops the fits before they
+// converge, and two Y columns that compete for the component, where the groups need 6 to 19
+// iterations. (A component that Y hardly determines would magnify the rounding beyond any
+// tolerance.)
+TEST(PlsCrossValidation, GroupFitsMatchSubModelsFittedOneAfterAnother) {
+  const struct {
+    const char* name;
+    int m, limit, component;
+    bool apart;  // the groups need different numbers of iterations
+    double s, mixed;
+  } cases[] = {{"three Y", 3, 100, 1, true, 2, 0.5},
+               {"three Y, second component", 3, 100, 2, false, 2, 0.5},
+               {"one Y", 1, 100, 1, false, 2, 0.5},
+               {"limit 2", 3, 2, 1, false, 2, 0.5},
+               {"competing directions", 2, 100, 1, true, 1, 0}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    Matrix xm, ym;
+    Gappy(30, c.m, c.s, c.mixed, 7, xm, ym);
+    NCPLS model(&xm, &ym, 100);
+    for (int a = 1; a < c.component; ++a)
+      model.NextComponent(nullptr, nullptr, true, true), model.CalculateResiduals();
+    model.NextComponent(nullptr, nullptr, true, true);
+    const Matrix x = *model.GetXResiduals(), y = *model.GetYResiduals();
+    const Vector& w = model.GetWprim()->back();
+    PLSCrossValidation cv(&model, 3, nullptr);
+    RecordingProgress progress;
+    cv.NextComponent(&w, c.limit, Vector(c.m, 1.0f), &progress, false);
+    ASSERT_EQ(progress.ranges.size(), 3u);
+    std::vector<int> iterations;
+    for (int g = 0; g < 3; ++g) {
+      SCOPED_TRACE(g);
+      std::vector<int> test;  // observation i is in group i mod 3
+      for (int i = g == 0 ? 3 : g; i <= 30; i += 3) test.push_back(i);
+      const NCIntegralVector<int, -99> removed(test.data(), 10);
+      Matrix trainX = x, trainY = y, testX;
+      trainX.RemoveRows(removed), trainY.RemoveRows(removed);
+      for (int r = 0; r < 10; ++r) testX.push_back(x[test[r]]);
+      NCPLS sub(&trainX, &trainY, c.limit);
+      RecordingProgress alone;
+      sub.NextComponent(&alone, &w, false, false);
+      iterations.push_back(sub.GetIterations());
+      NCPLSPred pred(testX, *sub.GetWprim(), *sub.GetPprim(), *sub.GetCprim(), 0.9999f);
+      pred.CalcNextComponent();
+      const float sign = (*sub.GetWprim())[1] * w < 0 ? -1.0f : 1.0f;
+      EXPECT_LT(Deviation((*sub.GetWprim())[1] * sign, (*cv.GetWSet())[g + 1]), 1e-4);
+      EXPECT_LT(Deviation((*sub.GetCprim())[1] * sign, (*cv.GetCSet())[g + 1]), 1e-4);
+      EXPECT_LT(Deviation((*sub.GetPprim())[1] * sign, (*cv.GetPSet())[g + 1]), 1e-4);
+      Vector scores(30), tPred(10), residuals(10 * c.m);
+      for (int r = 1, f = 1; r <= 30; ++r)
+        if ((r % 3) != g) scores(r, (*sub.GetTprim())[1][f++]);
+      for (int r = 1; r <= 10; ++r) {
+        const int i = test[r - 1];
+        scores(i, (*pred.GetTPred())[r]);
+        tPred(r, (*pred.GetTPred())[r]);
+        for (int j = 1; j <= c.m; ++j) {
+          const float yij = y[i][j];
+          residuals((r - 1) * c.m + j, yij == -99.0f ? -99.0f : yij - (*pred.GetYPred())[r][j]);
+        }
+      }
+      EXPECT_LT(Deviation(scores * sign, (*cv.GetTSet())[g + 1]),
+                1e-4);  // a missing score stays so
+      Vector cvTPred(10), cvResiduals(10 * c.m);
+      for (int r = 1; r <= 10; ++r) {
+        cvTPred(r, (*cv.GetTPred())[test[r - 1]]);
+        for (int j = 1; j <= c.m; ++j)
+          cvResiduals((r - 1) * c.m + j, (*cv.GetYPredResiduals())[test[r - 1]][j]);
+      }
+      EXPECT_LT(Deviation(tPred, cvTPred), 1e-4);
+      EXPECT_LT(Deviation(residuals, cvResiduals), 1e-4);
+      if (c.component == 1) {
+        EXPECT_NEAR((*cv.GetSSYOriginal())[g + 1], trainY.GetSS(), 1e-4 * trainY.GetSS());
+      }
+      Matrix subResiduals = trainY;
+      subResiduals.TransformToSub_V_x_Vt((*sub.GetTprim())[1], (*sub.GetCprim())[1]);
+      EXPECT_NEAR((*cv.GetSSY())[g + 1], subResiduals.GetSS(), 1e-4 * subResiduals.GetSS());
+      // The text, then the sub-model's range: -c = -10 (log10 d + 10), where 0.01 is 0.2% of d.
+      EXPECT_EQ(progress.texts[g], LanguageString::Format(10163, g + 1));
+      ASSERT_EQ(alone.ranges.size(), 1u);
+      EXPECT_NEAR(progress.ranges[g].first, alone.ranges[0].first, 0.01);
+      EXPECT_EQ(progress.ranges[g].second, 0.0);
+    }
+    EXPECT_EQ(progress.values, 0);  // sub-models without strict report no values
+    EXPECT_EQ(*std::min_element(iterations.begin(), iterations.end()) !=
+                  *std::max_element(iterations.begin(), iterations.end()),
+              c.apart);
+  }
+}
+
+// Without a reporter the call makes its own (text "", range 0..1) and shows on it what it shows on
+// a given one; quiet shows nothing and makes none. A host reporter that fails in the second group
+// passes its error through, and the validation of the first component stays as it was.
+TEST(PlsCrossValidation, OwnReporterQuietAndFailingHost) {
+  Matrix xm, ym;
+  Gappy(30, 2, 2, 0.5, 7, xm, ym);
+  NCPLS model(&xm, &ym, 100);
+  model.NextComponent(nullptr, nullptr, true, true);
+  const Vector w = model.GetWprim()->back(), ss(2, 1.0f);
+  std::vector<std::tuple<std::string, double, double>> made;  // what the factory was asked for
+  const auto own = std::make_shared<RecordingProgress>();
+  NCProgress::SetDefaultFactory([&](const std::string& text, double min, double max) {
+    made.emplace_back(text, min, max);
+    return own;
+  });
+  PLSCrossValidation cv(&model, 3, nullptr);
+  cv.NextComponent(&w, 100, ss, nullptr, true);
+  EXPECT_TRUE(made.empty());
+  cv.NextComponent(&w, 100, ss, nullptr, false);
+  NCProgress::SetDefaultFactory({});
+  EXPECT_EQ(made, (std::vector<std::tuple<std::string, double, double>>{{"", 0.0, 1.0}}));
+  RecordingProgress given;
+  PLSCrossValidation(&model, 3, nullptr).NextComponent(&w, 100, ss, &given, false);
+  EXPECT_EQ(own->texts, given.texts);
+  EXPECT_EQ(own->ranges, given.ranges);
+  EXPECT_EQ(given.texts.size(), 3u);
+
+  const PLSCrossValidation before = cv;
+  model.CalculateResiduals();
+  model.NextComponent(nullptr, nullptr, true, true);
+  RecordingProgress failing(2);
+  EXPECT_THROW(cv.NextComponent(&model.GetWprim()->back(), 100, ss, &failing, false), NCError);
+  EXPECT_EQ(failing.texts.size(), 2u);
+  ExpectSame(cv, before);
+}
+
+// A left-out row is scored as NCPLSPred scores it: up to K = 10000 one present value suffices, and
+// beyond, at most int(0.9999 K) may be missing: 19998 of K = 20000, so a row with one present
+// value has no score and no prediction (its residual is Y itself) and a row with two has both.
+TEST(PlsCrossValidation, WideRowsNeedTwoPresentValuesBeyondTenThousandColumns) {
+  std::mt19937 gen(9);
+  std::normal_distribution<float> z;
+  Matrix x(8, 20000, 0.0f), y(8, 2, 0.0f);
+  for (int i = 1; i <= 8; ++i) {
+    for (int j = 1; j <= 20000; ++j) x(i, j, i <= 2 && j > i ? -99.0f : z(gen));
+    y(i, 1, x[i][1]), y(i, 2, z(gen));
+  }
+  NCPLS model(&x, &y, 50);
+  model.NextComponent(nullptr, nullptr, true, true);
+  PLSCrossValidation cv(&model, 4, nullptr);
+  cv.NextComponent(&model.GetWprim()->back(), 50, Vector(2, 1.0f), nullptr, true);
+  EXPECT_EQ((*cv.GetTPred())[1], -99.0f);
+  EXPECT_EQ((*cv.GetYPredResiduals())[1], y[1]);
+  EXPECT_NE((*cv.GetTPred())[2], -99.0f);
+  EXPECT_NE((*cv.GetYPredResiduals())[2][1], y[2][1]);
+}
+
+// The same numbers to the bit on one thread and on four, on data large enough for the products to
+// run on several threads.
+TEST(PlsCrossValidation, ThreadCountDoesNotChangeResults) {
+  std::mt19937 gen(5);
+  std::normal_distribution<double> z;
+  Matrix x(2000, 60, 0.0f), y(2000, 3, 0.0f);
+  for (int i = 1; i <= 2000; ++i) {
+    const double t1 = 2 * z(gen), t2 = z(gen);
+    for (int j = 1; j <= 60; ++j)
+      x(i, j, i % 7 == j % 5 ? -99.0f : static_cast<float>(t1 * std::cos(j) + t2 + z(gen)));
+    for (int j = 1; j <= 3; ++j) y(i, j, static_cast<float>(j * t1 - t2 + z(gen)));
+  }
+  NCPLS model(&x, &y, 100);
+  model.NextComponent(nullptr, nullptr, true, true);
+  using Control = NCMultiThreading::ThreadingControl;
+  std::vector<PLSCrossValidation> runs;
+  for (const int threads : {1, 4}) {
+    Control::SetNumberOfProcessors(threads);
+    Control::SetThreadingIsOn(threads > 1);
+    runs.emplace_back(&model, 7, nullptr);
+    runs.back().NextComponent(&model.GetWprim()->back(), 100, Vector(3, 1.0f), nullptr, true);
+  }
+  Control::Reset();
+  ExpectSame(runs[0], runs[1]);
 }
 
 // X = T P' of rank two plus a shift per column, Y = T C' + a little noise, seven X cells removed.

@@ -1,0 +1,157 @@
+#include <mvda/validation/detail/batched_regressions.h>
+#include <mvda/validation/detail/pls_group_fits.h>
+
+#include <cmath>
+#include <cstddef>
+#include <numeric>
+
+namespace mvda::detail {
+
+namespace {
+
+using Matrix = NCDataMatrix<float>;
+using Vector = NCDataVector<float>;
+using Block = std::vector<float>;  // one column per group, row-major
+
+constexpr float kMis = -99.0f;
+
+// NCPLS::NextComponent's convergence value: 10 (log10 d + 10), which reaches 0 at d = 1e-10; -1
+// below 1e-30 and for a change that could not be computed (-99).
+double ConvergenceValue(double d) { return d >= 1e-30 ? 10.0 * (std::log10(d) + 10.0) : -1.0; }
+
+// Column h of a block with g columns and `count` rows, as a vector.
+Vector Gather(const Block& block, int g, int h, int count) {
+  Vector v(count, 0.0f);
+  v.Unlink();
+  float* to = v.GetVector();
+  int missing = 0;
+  for (int r = 1; r <= count; ++r) {
+    to[r] = block[static_cast<std::size_t>(r - 1) * g + h];
+    missing += to[r] == kMis;
+  }
+  v.SetNumMisVal(missing);
+  return v;
+}
+
+// Element r of v to row rows[r - 1] (row r when rows is null) of column h.
+void Scatter(const Vector& v, Block& block, int g, int h, const int* rows = nullptr) {
+  for (int r = 1; r <= v.Size(); ++r)
+    block[static_cast<std::size_t>((rows ? rows[r - 1] : r) - 1) * g + h] = v[r];
+}
+
+// Column h of the block becomes -99 at the rows that group fits[batch[h]] leaves out.
+void LeaveOut(Block& block, const std::vector<int>& batch, const std::vector<PlsGroupFit>& fits) {
+  const int g = static_cast<int>(batch.size());
+  for (int h = 0; h < g; ++h)
+    for (const int i : fits[batch[h]].test) block[static_cast<std::size_t>(i - 1) * g + h] = kMis;
+}
+
+// The Y half of a NIPALS step for the groups of the batch: their X scores t (N rows) lose the
+// left-out rows, then c = Y_S't / t't (M rows) and u = Y_S c / c'c (N rows, again without the
+// left-out rows).
+void YHalfStep(const BatchedRegressions& y, const std::vector<int>& batch,
+               const std::vector<PlsGroupFit>& fits, Block& t, Block& c, Block& u) {
+  const int g = static_cast<int>(batch.size());
+  LeaveOut(t, batch, fits);
+  c.assign(static_cast<std::size_t>(y.Columns()) * g, 0.0f);
+  y.RegressColumns(t.data(), g, false, c.data());
+  u.assign(static_cast<std::size_t>(y.Rows()) * g, 0.0f);
+  y.RegressRows(c.data(), g, false, u.data());
+  LeaveOut(u, batch, fits);
+}
+
+int Count(const std::vector<int>& rows) { return static_cast<int>(rows.size()); }
+
+}  // namespace
+
+void PlsGroupFit::Replay(NCProgress& reporter) const {
+  reporter.SetRange(firstValue == 0.0 ? 1.0 : -firstValue, 0.0);
+}
+
+// NIPALS PLS (Wold), as NCPLS::NextComponent runs it, for every group at once: each regression is
+// one batched product over all of X or Y, a group's left-out rows marked -99 in its column so that
+// they take no part, and what the row regressions give for those rows dropped again. A group's
+// vectors keep N elements, -99 at its left-out rows: over the pairs present in both, the
+// convergence measure then sees exactly the training rows.
+std::vector<PlsGroupFit> FitPlsGroups(const Matrix& x, const Matrix& y, const Vector& w,
+                                      const NCIntegralVector<int, -99>& groupIds, int groups,
+                                      int maxIterations) {
+  const int n = x.SizeRows(), k = x.SizeColumns(), m = y.SizeColumns();
+  std::vector<PlsGroupFit> fits(static_cast<std::size_t>(groups));
+  for (int i = 1; i <= n; ++i)
+    for (int g = 0; g < groups; ++g) (groupIds[i] == g ? fits[g].test : fits[g].train).push_back(i);
+  const BatchedRegressions xs(x), ys(y);
+  std::vector<int> batch(static_cast<std::size_t>(groups));  // the groups still iterating
+  std::iota(batch.begin(), batch.end(), 0);
+  Block t, c, u, wb;
+
+  // The start: with more than one Y column, the Y scores that the X scores of w predict (those X
+  // scores are the same for every group, each reading its own rows); with one, that column.
+  if (m > 1) {
+    Vector start;
+    x.Result(&start).RegressRows(w);
+    t.resize(static_cast<std::size_t>(n) * groups);
+    for (int i = 1; i <= n; ++i)
+      std::fill_n(t.begin() + static_cast<std::ptrdiff_t>(i - 1) * groups, groups, start[i]);
+    YHalfStep(ys, batch, fits, t, c, u);
+  } else {
+    u.assign(static_cast<std::size_t>(n) * groups, kMis);
+    for (int g = 0; g < groups; ++g) {
+      Matrix training = y;  // shares the rows; removing the test rows copies no element
+      training.RemoveRows(NCIntegralVector<int, -99>(fits[g].test.data(), Count(fits[g].test)));
+      Scatter(training.GetNIPALSStartColumn(), u, groups, g, fits[g].train.data());
+    }
+  }
+  std::vector<Vector> scoresY(static_cast<std::size_t>(groups));
+  for (int g = 0; g < groups; ++g) scoresY[g] = Gather(u, groups, g, n);
+
+  // A group that stops leaves the batch with the vectors of its own last iteration.
+  while (!batch.empty()) {
+    const int a = Count(batch);
+    u.assign(static_cast<std::size_t>(n) * a, kMis);
+    for (int h = 0; h < a; ++h) Scatter(scoresY[batch[h]], u, a, h);
+    wb.assign(static_cast<std::size_t>(k) * a, 0.0f);
+    xs.RegressColumns(u.data(), a, false, wb.data());
+    for (int h = 0; h < a; ++h) {
+      Vector& wg = fits[batch[h]].w;
+      wg = Gather(wb, a, h, k);
+      wg.Normalise();
+      Scatter(wg, wb, a, h);
+    }
+    t.assign(static_cast<std::size_t>(n) * a, 0.0f);
+    xs.RegressRows(wb.data(), a, false, t.data());
+    for (int h = 0; h < a; ++h) {
+      PlsGroupFit& f = fits[batch[h]];
+      f.testScores.resize(f.test.size());
+      for (std::size_t r = 0; r < f.test.size(); ++r)
+        f.testScores[r] = t[static_cast<std::size_t>(f.test[r] - 1) * a + h];
+    }
+    YHalfStep(ys, batch, fits, t, c, u);
+    std::vector<int> going;
+    for (int h = 0; h < a; ++h) {
+      const int g = batch[h];
+      PlsGroupFit& f = fits[g];
+      f.t = Gather(t, a, h, n);
+      f.c = Gather(c, a, h, m);
+      const Vector previous = scoresY[g];
+      scoresY[g] = Gather(u, a, h, n);
+      ++f.iterations;
+      // With one Y column u is y / c whatever w is, so one iteration is the converged answer.
+      const double value =
+          m > 1 ? ConvergenceValue(static_cast<double>(scoresY[g].Difference(previous))) : 0.0;
+      if (f.iterations == 1) f.firstValue = value;
+      if (value > 0.0 && f.iterations < maxIterations) going.push_back(g);
+    }
+    batch.swap(going);
+  }
+
+  // The loadings p = X_S't / t't of all groups in one product.
+  t.assign(static_cast<std::size_t>(n) * groups, kMis);
+  for (int g = 0; g < groups; ++g) Scatter(fits[g].t, t, groups, g);
+  wb.assign(static_cast<std::size_t>(k) * groups, 0.0f);
+  xs.RegressColumns(t.data(), groups, false, wb.data());
+  for (int g = 0; g < groups; ++g) fits[g].p = Gather(wb, groups, g, k);
+  return fits;
+}
+
+}  // namespace mvda::detail

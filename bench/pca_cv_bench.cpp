@@ -6,6 +6,7 @@
 //
 // BM_PcaCv5Components fits, validates and deflates component after component, as a host does; its
 // reported time is the 5 cross-validations alone (manual time), the fits are reported beside it.
+// The second argument switches threading off (0) or on with every processor (1).
 // Counters:
 //   fit_ms           the 5 model components of the same run (NextComponent + CalculateResiduals)
 //   cv_iterations    NIPALS iterations of the 70 group fits (2 per group and component; at most
@@ -30,6 +31,7 @@
 #include <cblas.h>
 
 #include "latent_data.h"
+#include "threading_for.h"
 
 namespace {
 
@@ -86,6 +88,7 @@ BENCHMARK(BM_FloorTwoSgemv)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 // The baseline: the 5 components alone.
 void BM_Pca5FitOnly(benchmark::State& state) {
+  const ThreadingFor threading(state, 1);
   const NCDataMatrix<float>& x = state.range(0) ? Get().gappy : Get().complete;
   NCProgress silent;
   NCPCA model;
@@ -99,9 +102,8 @@ void BM_Pca5FitOnly(benchmark::State& state) {
   if (model.GetComponents() != kComponents) state.SkipWithError("the fit did not finish");
 }
 BENCHMARK(BM_Pca5FitOnly)
-    ->ArgName("missing10pct")
-    ->Arg(0)
-    ->Arg(1)
+    ->ArgNames({"missing10pct", "threads"})
+    ->ArgsProduct({{0, 1}, {1, 0}})
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime();
 
@@ -121,6 +123,7 @@ double CellError(const PCACrossValidation& cv, const NCDataMatrix<float>& E) {
 }
 
 void BM_PcaCv5Components(benchmark::State& state) {
+  const ThreadingFor threading(state, 1);
   const NCDataMatrix<float>& x = state.range(0) ? Get().gappy : Get().complete;
   NCProgress silent;
   IterationCounter counter;
@@ -168,9 +171,8 @@ void BM_PcaCv5Components(benchmark::State& state) {
     state.SkipWithError("the cross-validation computed something else");
 }
 BENCHMARK(BM_PcaCv5Components)
-    ->ArgName("missing10pct")
-    ->Arg(0)
-    ->Arg(1)
+    ->ArgNames({"missing10pct", "threads"})
+    ->ArgsProduct({{0, 1}, {1, 0}})
     ->Unit(benchmark::kMillisecond)
     ->UseManualTime();
 

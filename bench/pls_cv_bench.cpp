@@ -20,6 +20,8 @@
 
 #include <benchmark/benchmark.h>
 
+#include "threading_for.h"
+
 namespace {
 
 constexpr int kRows = 10000;
@@ -32,16 +34,6 @@ constexpr int kGroups = 7;
 using Clock = std::chrono::steady_clock;
 using Matrix = NCDataMatrix<float>;
 using Vector = NCDataVector<float>;
-
-// Sets the threading switch for one benchmark and puts the default back afterwards.
-class ThreadingFor {
- public:
-  explicit ThreadingFor(const benchmark::State& state) {
-    NCMultiThreading::ThreadingControl::Reset();
-    NCMultiThreading::ThreadingControl::SetThreadingIsOn(state.range(1) != 0);
-  }
-  ~ThreadingFor() { NCMultiThreading::ThreadingControl::Reset(); }
-};
 
 double Seconds(Clock::duration d) { return std::chrono::duration<double>(d).count(); }
 
@@ -92,7 +84,7 @@ Vector ColumnSS(const Matrix& y) {
 }
 
 void BM_PlsFitOnly(benchmark::State& state) {
-  const ThreadingFor threading(state);
+  const ThreadingFor threading(state, 1);
   const Data& d = Get();
   const bool gappy = state.range(0) != 0;
   const Matrix& x = gappy ? d.gappyX : d.x;
@@ -115,7 +107,7 @@ void BM_PlsFitOnly(benchmark::State& state) {
 }
 
 void BM_PlsFitWithCrossValidation(benchmark::State& state) {
-  const ThreadingFor threading(state);
+  const ThreadingFor threading(state, 1);
   const Data& d = Get();
   const bool gappy = state.range(0) != 0;
   const Matrix& x = gappy ? d.gappyX : d.x;

@@ -17,7 +17,8 @@
 #include <vector>
 
 #include <benchmark/benchmark.h>
-#include <omp.h>
+
+#include "threading_for.h"
 
 namespace {
 
@@ -27,7 +28,6 @@ constexpr int kColumns = 500;
 constexpr int kComponents = 5;
 constexpr int kMaxIterations = 500;
 
-using NCMultiThreading::ThreadingControl;
 using Matrix = NCDataMatrix<float>;
 
 struct Data {
@@ -76,19 +76,6 @@ const Data& Get() {
   return data;
 }
 
-// Sets the threading switch for one benchmark and puts the default back afterwards. OpenMP's
-// dynamic teams are switched off: the runtime sizes them by the load average, which the
-// benchmark itself raises to 1, and so would run the score loop on one thread of two.
-class ThreadingFor {
- public:
-  explicit ThreadingFor(const benchmark::State& state) {
-    ThreadingControl::Reset();
-    ThreadingControl::SetThreadingIsOn(state.range(1) != 0);
-    omp_set_dynamic(0);
-  }
-  ~ThreadingFor() { ThreadingControl::Reset(); }
-};
-
 // The time per row (printed in seconds with an SI prefix): rows per second, inverted.
 benchmark::Counter TimePerRow() {
   return benchmark::Counter(
@@ -126,7 +113,7 @@ double RelativeError(const Matrix& tprim, const std::vector<float>& reference) {
 }
 
 void BM_PcaPredScores(benchmark::State& state) {
-  const ThreadingFor threading(state);
+  const ThreadingFor threading(state, 1);
   const Data& d = Get();
   const bool gappy = state.range(0) != 0;
   const Matrix& x = gappy ? d.gappyX : d.x;
@@ -158,7 +145,7 @@ BENCHMARK(BM_PcaPredScores)
     ->UseRealTime();
 
 void BM_ProjectionFloor(benchmark::State& state) {
-  const ThreadingFor threading(state);
+  const ThreadingFor threading(state, 1);
   const Data& d = Get();
   const Matrix& x = state.range(0) != 0 ? d.gappyX : d.x;
   std::vector<float> scores(static_cast<size_t>(kRows) * kComponents);

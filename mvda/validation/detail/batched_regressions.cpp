@@ -134,6 +134,48 @@ void RowProducts(const float* __restrict x, const float* __restrict w, int count
   }
 }
 
+// The squares and presence marks of the vectors summed over the gaps: per column for the rows
+// first..first+count of a band (squares and present are the band's k x GP blocks), or over the gaps
+// of one row (missed and lost, GP lanes, are set). The width is a constant so that the lanes are
+// whole registers.
+template <int GP>
+struct ColumnGapKernel {
+  static void Run(const int* gapStart, const int* gapColumns, int first, int count,
+                  const float* squares, const float* marks, float* squareSums, float* counts) {
+    for (int i = first; i < first + count; ++i) {
+      const float* q = squares + static_cast<std::size_t>(i) * GP;
+      const float* m = marks + static_cast<std::size_t>(i) * GP;
+      for (int e = gapStart[i]; e < gapStart[i + 1]; ++e) {
+        float* s = squareSums + static_cast<std::size_t>(gapColumns[e]) * GP;
+        float* c = counts + static_cast<std::size_t>(gapColumns[e]) * GP;
+        for (int h = 0; h < GP; ++h) {
+          s[h] += q[h];
+          c[h] += m[h];
+        }
+      }
+    }
+  }
+};
+template <int GP>
+struct RowGapKernel {
+  static void Run(const int* gapColumns, int gaps, const float* squares, const float* marks,
+                  float* missed, float* lost) {
+    float s[GP] = {}, c[GP] = {};
+    for (int e = 0; e < gaps; ++e) {
+      const float* q = squares + static_cast<std::size_t>(gapColumns[e]) * GP;
+      const float* m = marks + static_cast<std::size_t>(gapColumns[e]) * GP;
+      for (int h = 0; h < GP; ++h) {
+        s[h] += q[h];
+        c[h] += m[h];
+      }
+    }
+    for (int h = 0; h < GP; ++h) {
+      missed[h] = s[h];
+      lost[h] = c[h];
+    }
+  }
+};
+
 // The kernels for a padded width known only at run time.
 template <template <int> class Kernel, class... Args>
 void ForWidth(int gp, Args... args) {
@@ -281,27 +323,25 @@ constexpr int kMaxBatch = 64;
 BatchedRegressions::BatchedRegressions(const NCDataMatrix<float>& x)
     : rows_(x.SizeRows()),
       columns_(x.SizeColumns()),
-      values_(static_cast<std::size_t>(rows_) * columns_),
+      values_(new float[static_cast<std::size_t>(rows_) * columns_]),
       gap_start_(static_cast<std::size_t>(rows_) + 1, 0),
       column_gone_(static_cast<std::size_t>(columns_), 0) {
+  // The gaps row by row, in column order (each row's count is known, so every row knows where its
+  // list starts), and the gaps themselves set to 0 so that the products skip them.
+  for (int i = 0; i < rows_; ++i) gap_start_[i + 1] = gap_start_[i] + x[i + 1].GetNumMisVal();
+  gap_columns_.resize(static_cast<std::size_t>(gap_start_[rows_]));
   ParallelFor(rows_, [&](int i) {
-    if (columns_ > 0)
-      std::memcpy(values_.data() + static_cast<std::size_t>(i) * columns_, x[i + 1].GetVector() + 1,
-                  sizeof(float) * columns_);
+    if (columns_ == 0) return;
+    float* row = values_.get() + static_cast<std::size_t>(i) * columns_;
+    std::memcpy(row, x[i + 1].GetVector() + 1, sizeof(float) * columns_);
+    int* gap = gap_columns_.data() + gap_start_[i];
+    if (gap_start_[i + 1] > gap_start_[i])
+      for (int j = 0; j < columns_; ++j)
+        if (row[j] == kMis) {
+          row[j] = 0.0f;
+          *gap++ = j;
+        }
   });
-  // The gaps row by row, in column order, and the gaps themselves set to 0 so that the products
-  // skip them.
-  for (int i = 0; i < rows_; ++i) {
-    gap_start_[i] = static_cast<int>(gap_columns_.size());
-    if (x[i + 1].GetNumMisVal() == 0) continue;
-    float* row = values_.data() + static_cast<std::size_t>(i) * columns_;
-    for (int j = 0; j < columns_; ++j)
-      if (row[j] == kMis) {
-        row[j] = 0.0f;
-        gap_columns_.push_back(j);
-      }
-  }
-  gap_start_[rows_] = static_cast<int>(gap_columns_.size());
   for (int j = 0; j < columns_; ++j) column_gone_[j] = x.GetColumnMisVal(j + 1) == rows_;
 }
 
@@ -334,23 +374,13 @@ void BatchedRegressions::RegressColumns(const float* v, int g, bool fix, float* 
   std::vector<float> gapPresent(gapSquares.size(), 0.0f);  // counts, exact in a float
   ParallelFor(bands, [&](int band) {
     const int first = band * kBandRows, count = std::min(kBandRows, rows_ - first);
-    ForWidth<ColumnKernel>(gp, values_.data() + static_cast<std::size_t>(first) * k,
+    ForWidth<ColumnKernel>(gp, values_.get() + static_cast<std::size_t>(first) * k,
                            in.zeroed.data() + static_cast<std::size_t>(first) * gp, count, k,
                            sums.data() + band * block);
     if (!HasGaps()) return;
-    float* squares = gapSquares.data() + band * block;
-    float* present = gapPresent.data() + band * block;
-    for (int i = first; i < first + count; ++i) {
-      const float* q = in.squares.data() + static_cast<std::size_t>(i) * gp;
-      const float* m = in.marks.data() + static_cast<std::size_t>(i) * gp;
-      for (int e = gap_start_[i]; e < gap_start_[i + 1]; ++e) {
-        const std::size_t at = static_cast<std::size_t>(gap_columns_[e]) * gp;
-        for (int h = 0; h < gp; ++h) {
-          squares[at + h] += q[h];
-          present[at + h] += m[h];
-        }
-      }
-    }
+    ForWidth<ColumnGapKernel>(gp, gap_start_.data(), gap_columns_.data(), first, count,
+                              in.squares.data(), in.marks.data(), gapSquares.data() + band * block,
+                              gapPresent.data() + band * block);
   });
   for (int j = 0; j < k; ++j)
     for (int h = 0; h < g; ++h) {
@@ -395,19 +425,13 @@ void BatchedRegressions::RegressRows(const float* w, int g, bool fix, float* out
   ParallelFor(bands, [&](int band) {
     const int first = band * kBandRows, count = std::min(kBandRows, rows_ - first);
     std::vector<float> products(static_cast<std::size_t>(count) * gp);
-    ForWidth<RowKernel>(gp, values_.data() + static_cast<std::size_t>(first) * k, in.zeroed.data(),
+    ForWidth<RowKernel>(gp, values_.get() + static_cast<std::size_t>(first) * k, in.zeroed.data(),
                         count, k, products.data());
     std::vector<float> missed(static_cast<std::size_t>(gp)), lost(missed.size());
     for (int i = first; i < first + count; ++i) {
-      std::fill(missed.begin(), missed.end(), 0.0f);
-      std::fill(lost.begin(), lost.end(), 0.0f);
-      for (int e = gap_start_[i]; e < gap_start_[i + 1]; ++e) {
-        const std::size_t at = static_cast<std::size_t>(gap_columns_[e]) * gp;
-        for (int h = 0; h < gp; ++h) {
-          missed[h] += in.squares[at + h];
-          lost[h] += in.marks[at + h];
-        }
-      }
+      ForWidth<RowGapKernel>(gp, gap_columns_.data() + gap_start_[i],
+                             gap_start_[i + 1] - gap_start_[i], in.squares.data(), in.marks.data(),
+                             missed.data(), lost.data());
       for (int h = 0; h < g; ++h) {
         const std::size_t e = static_cast<std::size_t>(i) * g + h;
         if (in.present[h] == static_cast<int>(lost[h]))

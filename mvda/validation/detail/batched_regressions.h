@@ -7,6 +7,7 @@
 #include <mvda/containers/data_matrix.h>
 #include <mvda/mvda_export.h>
 
+#include <memory>
 #include <vector>
 
 namespace mvda::detail {
@@ -35,6 +36,8 @@ namespace mvda::detail {
 class MVDA_EXPORT BatchedRegressions {  // exported for its tests only
  public:
   explicit BatchedRegressions(const NCDataMatrix<float>& x);
+  BatchedRegressions(const BatchedRegressions&) = delete;
+  BatchedRegressions& operator=(const BatchedRegressions&) = delete;
 
   int Rows() const { return rows_; }
   int Columns() const { return columns_; }
@@ -49,10 +52,10 @@ class MVDA_EXPORT BatchedRegressions {  // exported for its tests only
 
  private:
   int rows_ = 0, columns_ = 0;
-  std::vector<float> values_;      // rows_ x columns_, gaps as 0
-  std::vector<int> gap_start_;     // the gaps of row i: gap_columns_[gap_start_[i] ..
-  std::vector<int> gap_columns_;   //   gap_start_[i + 1]), 0-based columns in order
-  std::vector<char> column_gone_;  // columns missing throughout
+  std::unique_ptr<float[]> values_;  // rows_ x columns_, gaps as 0; written once, in parallel
+  std::vector<int> gap_start_;       // the gaps of row i: gap_columns_[gap_start_[i] ..
+  std::vector<int> gap_columns_;     //   gap_start_[i + 1]), 0-based columns in order
+  std::vector<char> column_gone_;    // columns missing throughout
 };
 
 }  // namespace mvda::detail

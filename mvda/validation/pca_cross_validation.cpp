@@ -6,6 +6,7 @@
 #include <mvda/platform/language_string.h>
 #include <mvda/validation/cv_groups.h>
 #include <mvda/validation/detail/pca_group_fits.h>
+#include <mvda/validation/detail/q2.h>
 #include <mvda/validation/pca_cross_validation.h>
 
 #include <algorithm>
@@ -22,11 +23,8 @@ using Vector = PCACrossValidation::Vector;
 using GroupVector = PCACrossValidation::GroupVector;
 
 constexpr float kMis = -99.0f;
-// Sums of squares below this (ten times the smallest normal float) count as none left.
-constexpr double kNoSS = 1.1754943508222875e-37;
-// One component that predicts worse than nothing lowers the cumulative Q2 by at most a tenth of
-// what remains, as if its PRESS were 1.1 times its SS.
-constexpr double kMaxPressRatio = 1.1;
+using mvda::detail::CumulativeQ2;
+constexpr double kNoSS = mvda::detail::kNoVariation;
 
 [[noreturn]] void Fail(const char* place, const std::string& fault) {
   throw NCError(std::string("PCACrossValidation::") + place + ": " + fault);
@@ -159,11 +157,6 @@ void PredictCells(const Matrix& E, const Matrix& pset, const Matrix& tset,
       ss[j] += bandSS[b * width + j];
       press[j] += bandPress[b * width + j];
     }
-}
-
-// 1 - (1 - previous) min(press / ss, 1.1).
-double Cumulate(double previous, double press, double ss) {
-  return 1.0 - (1.0 - previous) * std::min(press / ss, kMaxPressRatio);
 }
 
 }  // namespace
@@ -303,7 +296,7 @@ void PCACrossValidation::NextComponent(const Vector& reference, NCProgress* prog
     press += pressv;
     if (ssv >= kNoSS) {
       q2(j, static_cast<float>((ssv - pressv) / ssv));
-      q2Cum(j, static_cast<float>(Cumulate(q2_x_var_cum_[j], pressv, ssv)));
+      q2Cum(j, static_cast<float>(CumulativeQ2(q2_x_var_cum_[j], pressv, ssv)));
     } else {
       // Nothing left to predict: fully explained by earlier components if there was something.
       const double r = reference[j];
@@ -313,7 +306,7 @@ void PCACrossValidation::NextComponent(const Vector& reference, NCProgress* prog
   float q2Tot = 0, q2TotCum = 1;
   if (!(ss < kNoSS)) {
     q2Tot = static_cast<float>((ss - press) / ss);
-    q2TotCum = static_cast<float>(Cumulate(q2_tot_cum_, press, ss));
+    q2TotCum = static_cast<float>(CumulativeQ2(q2_tot_cum_, press, ss));
   }
 
   pset_.swap(pset);

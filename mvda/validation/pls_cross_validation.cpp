@@ -6,6 +6,7 @@
 #include <mvda/platform/progress.h>
 #include <mvda/validation/cv_groups.h>
 #include <mvda/validation/detail/pls_group_fits.h>
+#include <mvda/validation/detail/q2.h>
 #include <mvda/validation/pls_cross_validation.h>
 
 #include <algorithm>
@@ -23,13 +24,9 @@ using GroupFit = mvda::detail::PlsGroupFit;
 
 constexpr float kMis = -99.0f;
 
-// Ten times the smallest normal float: a sum of squares below it is no variation at all.
-constexpr double kTinySS = 1.1754943508222875e-37;
+constexpr double kTinySS = mvda::detail::kNoVariation;
 // The same bound as a float literal, for the caller's initial sums of squares (float vectors).
 constexpr float kTinySSFloat = 1.1754944e-37f;
-
-// One component cannot lower a cumulative Q2 by more than a tenth of what remains.
-constexpr double kMaxPressRatio = 1.1;
 
 std::string Str(int n) { return std::to_string(n); }
 
@@ -101,10 +98,8 @@ class Squares {
   double all_ = 0;
 };
 
-// The updated cumulative Q2: 1 - (1 - previous) min(press / ss, 1.1).
 float Cumulative(float previous, double press, double ss) {
-  const double r = std::min(press / ss, kMaxPressRatio);
-  return static_cast<float>(1.0 - (1.0 - previous) * r);
+  return static_cast<float>(mvda::detail::CumulativeQ2(previous, press, ss));
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 #include <mvda/platform/error.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <iostream>
 #include <new>
 
@@ -20,9 +21,20 @@ std::string OneLine(std::string text) {
   return text;
 }
 
+// An output file whose folder does not exist is refused before the analysis runs, rather than
+// found out after it.
+const CLI::Validator kInExistingFolder(
+    [](std::string& path) -> std::string {
+      const std::filesystem::path folder = std::filesystem::path(path).parent_path();
+      if (folder.empty() || std::filesystem::is_directory(folder)) return std::string();
+      return "no folder " + folder.string() + " to write " + path + " in";
+    },
+    "FILE");
+
 void AddOutputs(CLI::App* app, Outputs& out) {
   app->add_flag("--json", out.json, "Print the results as JSON instead of tables");
-  app->add_option("--report", out.report, "Write an HTML report with pictures to this file");
+  app->add_option("--report", out.report, "Write an HTML report with pictures to this file")
+      ->check(kInExistingFolder);
 }
 
 void AddFitOptions(CLI::App* app, ModelOptions& o) {
@@ -42,8 +54,10 @@ void AddFitOptions(CLI::App* app, ModelOptions& o) {
       ->capture_default_str();
   app->add_option("--class", o.class_column, "Column of classes that colour the score plot");
   app->add_option("--exclude", o.exclude, "Columns to leave out (comma-separated)")->delimiter(',');
-  app->add_option("--save", o.save, "Save the scaling and the model to this file");
-  app->add_option("--scores", o.scores, "Write scores and loadings to this CSV file");
+  app->add_option("--save", o.save, "Save the scaling and the model to this file")
+      ->check(kInExistingFolder);
+  app->add_option("--scores", o.scores, "Write scores and loadings to this CSV file")
+      ->check(kInExistingFolder);
   AddOutputs(app, o.out);
 }
 
@@ -130,6 +144,7 @@ int Run(int argc, char** argv) {
   CLI::App* demo = app.add_subcommand("demo", "All of the above on the embedded datasets");
   demo->add_option("--data", demo_options.data_dir, "Folder of the embedded datasets");
   demo->add_option("--report", demo_options.report, "Where to write the report")
+      ->check(kInExistingFolder)
       ->capture_default_str();
 
   try {

@@ -35,6 +35,7 @@ TEST(BadInput, OneLineOnStderrExitCodeTwoAndNoFiles) {
   ASSERT_EQ(RunTool({"cluster", wine, "--cache", dir / "cache", "--json"}).exit_code, 0);
   const std::string dendrogram = (dir.path() / "cache" / FilesIn(dir.path() / "cache")[0]).string();
   const std::vector<std::string> before = FilesIn(dir.path());
+  const std::string nowhere = dir / "nowhere";
 
   struct Case {
     const char* name;
@@ -72,6 +73,9 @@ TEST(BadInput, OneLineOnStderrExitCodeTwoAndNoFiles) {
       {"unknown option value",
        {"pca", wine, "--scale", "log"},
        "--scale: log not in {none,center,pareto,uv} (see mvda --help)"},
+      {"report into a folder that does not exist",
+       {"pca", wine, "--report", nowhere + "/r.html"},
+       "--report: no folder " + nowhere + " to write " + nowhere + "/r.html in (see mvda --help)"},
       {"subgroups of one for a mean chart",
        {"chart", wine, "--column", "Ash", "--type", "mean-range", "--subgroup", "1"},
        "--subgroup 1: mean-range charts need subgroups of 2 to 25 values"},

@@ -52,7 +52,7 @@ void ExpectSame(const Vector& expected, const std::vector<float>& block, int g, 
 TEST(BatchedRegressions, AgreeWithTheSingleVectorRegressions) {
   for (const double gaps : {0.0, 0.1}) {
     SCOPED_TRACE("gaps " + std::to_string(gaps));
-    Matrix x = Random(300, 40, gaps, 7);
+    Matrix x = Random(300, 43, gaps, 7);
     if (gaps > 0) {
       for (int i = 1; i <= x.SizeRows(); ++i) x(i, 3, kMis);  // a column without any value
       for (int j = 1; j <= x.SizeColumns(); ++j) x(5, j, kMis);

@@ -9,21 +9,13 @@
 
 #include <gtest/gtest.h>
 
+#include "support/make_matrix.h"
 #include "support/make_vector.h"  // MakeVector<T>({...}): a vector from literals, -99 = missing
 
 namespace {
 
 using Rows = std::vector<std::vector<double>>;
 constexpr double kM = -99;
-
-template <class T>
-NCDataMatrix<T> MakeMatrix(const Rows& rows) {
-  const int c = rows.empty() ? 0 : static_cast<int>(rows[0].size());
-  NCDataMatrix<T> m(static_cast<int>(rows.size()), c, T(0));
-  for (int i = 1; i <= m.SizeRows(); ++i)
-    for (int j = 1; j <= c; ++j) m(i, j, static_cast<T>(rows[i - 1][j - 1]));
-  return m;
-}
 
 template <class T>
 Rows ToRows(const NCDataMatrix<T>& m) {
@@ -41,24 +33,6 @@ NCDataMatrix<T> RandomMatrix(int r, int c, double share, unsigned seed) {
   for (int i = 1; i <= r; ++i)
     for (int j = 1; j <= c; ++j) m(i, j, coin(gen) < share ? T(-99) : static_cast<T>(value(gen)));
   return m;
-}
-
-// Every -99 counted one by one, against the matrix's own counts.
-template <class T>
-void ExpectCountsExact(const NCDataMatrix<T>& m) {
-  int total = 0;
-  for (int j = 1; j <= m.SizeColumns(); ++j) {
-    int column = 0;
-    for (int i = 1; i <= m.SizeRows(); ++i) column += m[i][j] == T(-99);
-    EXPECT_EQ(m.GetColumnMisVal(j), column) << "column " << j;
-    total += column;
-  }
-  for (int i = 1; i <= m.SizeRows(); ++i) {
-    int row = 0;
-    for (int j = 1; j <= m.SizeColumns(); ++j) row += m[i][j] == T(-99);
-    EXPECT_EQ(m[i].GetNumMisVal(), row) << "row " << i;
-  }
-  EXPECT_EQ(m.GetNumMisVal(), total);
 }
 
 template <class T>

@@ -8,45 +8,18 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "support/make_matrix.h"
 #include "support/make_vector.h"  // MakeVector<T>({...}): a vector from literals, -99 = missing
 
 namespace {
 
 using Rows = std::vector<std::vector<double>>;
 
-// Built through the counting element write, so the fixture does not depend on push_back.
-template <class T>
-NCDataMatrix<T> MakeMatrix(const Rows& rows) {
-  const int c = rows.empty() ? 0 : static_cast<int>(rows[0].size());
-  NCDataMatrix<T> m(static_cast<int>(rows.size()), c, T(0));
-  for (int i = 1; i <= m.SizeRows(); ++i)
-    for (int j = 1; j <= c; ++j) m(i, j, static_cast<T>(rows[i - 1][j - 1]));
-  return m;
-}
-
 template <class T>
 Rows ToRows(const NCDataMatrix<T>& m) {
   Rows rows;
   for (const NCDataVector<T>& row : m) rows.push_back(ToStd(row));
   return rows;
-}
-
-// The oracle for every count: -99 elements counted one by one, per column, per row and in all.
-template <class T>
-void ExpectCountsExact(const NCDataMatrix<T>& m) {
-  int total = 0;
-  for (int j = 1; j <= m.SizeColumns(); ++j) {
-    int column = 0;
-    for (int i = 1; i <= m.SizeRows(); ++i) column += m[i][j] == T(-99);
-    EXPECT_EQ(m.GetColumnMisVal(j), column) << "column " << j;
-    total += column;
-  }
-  for (int i = 1; i <= m.SizeRows(); ++i) {
-    int row = 0;
-    for (int j = 1; j <= m.SizeColumns(); ++j) row += m[i][j] == T(-99);
-    EXPECT_EQ(m[i].GetNumMisVal(), row) << "row " << i;
-  }
-  EXPECT_EQ(m.GetNumMisVal(), total);
 }
 
 const Rows kA = {{1, -99, 3}, {-99, 5, -99}, {7, 8, 9}};

@@ -14,6 +14,7 @@
 
 #include <gtest/gtest.h>
 
+#include "support/make_matrix.h"
 #include "support/make_vector.h"  // MakeVector<T>({...}): a vector from literals, -99 = missing
 
 namespace {
@@ -21,12 +22,6 @@ namespace {
 using Rows = std::vector<std::vector<double>>;
 using Matrix = NCDataMatrix<float>;
 constexpr double kM = -99;
-
-Matrix MakeMatrix(const Rows& rows) {
-  Matrix m;
-  for (const auto& row : rows) m.push_back(MakeVector<float>(row));
-  return m;
-}
 
 // Records what a computation reports; SetValue answers "stop" from call `stopAt` on (0: never).
 class RecordingProgress : public NCProgress {

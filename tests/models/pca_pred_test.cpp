@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 #include <omp.h>
 
+#include "support/make_matrix.h"
 #include "support/make_vector.h"  // MakeVector<T>({...}): a vector from literals, -99 = missing
 
 namespace {
@@ -21,12 +22,6 @@ using Matrix = NCDataMatrix<float>;
 using Vector = NCDataVector<float>;
 constexpr double kM = -99;
 constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
-
-Matrix MakeMatrix(const Rows& rows) {
-  Matrix m;
-  for (const auto& row : rows) m.push_back(MakeVector<float>(row));
-  return m;
-}
 
 // Normal values with a share of missing ones; fixed seed.
 Matrix RandomMatrix(int rows, int cols, double missing, unsigned seed) {

@@ -12,6 +12,7 @@
 
 #include <gtest/gtest.h>
 
+#include "support/make_matrix.h"
 #include "support/make_vector.h"  // MakeVector<T>({...}): a vector from literals, -99 = missing
 
 namespace {
@@ -19,13 +20,6 @@ namespace {
 using Matrix = NCDataMatrix<float>;
 using Vector = NCDataVector<float>;
 using Rows = std::vector<std::vector<double>>;
-
-Matrix MakeMatrix(const Rows& rows) {
-  Matrix m(static_cast<int>(rows.size()), static_cast<int>(rows[0].size()), 0.0f);
-  for (int i = 1; i <= m.SizeRows(); ++i)
-    for (int j = 1; j <= m.SizeColumns(); ++j) m(i, j, static_cast<float>(rows[i - 1][j - 1]));
-  return m;
-}
 
 // Random data with a little structure (two latent directions); fixed seed.
 Matrix RandomMatrix(int r, int c, unsigned seed) {

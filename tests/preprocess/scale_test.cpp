@@ -13,18 +13,13 @@
 
 #include <gtest/gtest.h>
 
+#include "support/make_matrix.h"
 #include "support/make_vector.h"  // MakeVector<T>({...}): a vector from literals, -99 = missing
 
 namespace {
 
 using Rows = std::vector<std::vector<double>>;
 constexpr double kM = -99;
-
-NCDataMatrix<float> MakeMatrix(const Rows& rows) {
-  NCDataMatrix<float> m;
-  for (const auto& row : rows) m.push_back(MakeVector<float>(row));
-  return m;
-}
 
 Rows ToRows(const NCDataMatrix<float>& m) {
   Rows rows;

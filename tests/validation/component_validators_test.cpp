@@ -10,18 +10,13 @@
 
 #include <gtest/gtest.h>
 
+#include "support/make_matrix.h"
 #include "support/make_vector.h"  // MakeVector<T>({...}): a vector from literals, -99 = missing
 
 namespace {
 
 using Rows = std::vector<std::vector<double>>;
 using Matrix = NCDataMatrix<float>;
-
-Matrix MakeMatrix(const Rows& rows) {
-  Matrix m;
-  for (const auto& row : rows) m.push_back(MakeVector<float>(row));
-  return m;
-}
 
 // A model that is nothing but its residuals, to put a chosen sum of squares under the validator.
 NCPCA ModelOf(const Rows& residuals) {

@@ -16,6 +16,7 @@
 
 #include <gtest/gtest.h>
 
+#include "support/make_matrix.h"
 #include "support/make_vector.h"  // MakeVector<T>({...}): a vector from literals, -99 = missing
 
 namespace {
@@ -26,12 +27,6 @@ using Vector = NCDataVector<float>;
 using Groups = NCIntegralVector<int, -99>;
 using Control = NCMultiThreading::ThreadingControl;
 constexpr float kM = -99;
-
-Matrix MakeMatrix(const Rows& rows) {
-  Matrix m;
-  for (const auto& row : rows) m.push_back(MakeVector<float>(row));
-  return m;
-}
 
 // A model fitted to x with one component, not deflated: what the host validates.
 NCPCA Fitted(const Matrix& x) {

@@ -6,8 +6,8 @@
 // and floor_ms (the fastest of each), x_floor (fit time per NIPALS iteration over the floor,
 // fastest against fastest; it carries the per-component work as well: the sum of squares of X,
 // the loadings and the deflation) and x_floor_nipals (the same for the time spent inside
-// NextComponent only). The second argument switches threading on (1, the library's default on a
-// multi-core machine) or off (0); ThreadingControl sets the BLAS thread count too, so the floor
+// NextComponent only). The second argument switches threading on (1: every processor, OpenMP's
+// dynamic teams off) or off (0); ThreadingControl sets the BLAS thread count too, so the floor
 // follows the same switch.
 #include <mvda/containers/data_matrix.h>
 #include <mvda/containers/multi_threading.h>
@@ -17,11 +17,13 @@
 #include <chrono>
 #include <cmath>
 #include <limits>
-#include <random>
 #include <vector>
 
 #include <benchmark/benchmark.h>
 #include <cblas.h>
+
+#include "latent_data.h"
+#include "threading_for.h"
 
 namespace {
 
@@ -31,50 +33,16 @@ constexpr int kResponses = 4;
 constexpr int kComponents = 5;
 constexpr int kMaxIterations = 500;
 
-using NCMultiThreading::ThreadingControl;
 using Clock = std::chrono::steady_clock;
 
-struct Data {
-  NCDataMatrix<float> x, y, gappyX, gappyY;
-  std::vector<float> contiguous;  // x, row after row
-  std::vector<float> u, w, xu, xw;
+struct Data : CalibrationData {
+  std::vector<float> u, w, xu, xw;  // the floor's vectors
 };
 
-// Eight latent directions of falling strength behind X and Y plus noise, so that the five
-// components are real structure, as in a spectroscopic calibration, rather than noise whose
-// directions NIPALS could take arbitrarily long to separate.
 const Data& Get() {
   static const Data data = [] {
     Data d;
-    constexpr int kLatent = 8;
-    std::mt19937 gen(29);
-    std::normal_distribution<double> z;
-    std::uniform_real_distribution<double> coin(0, 1);
-    std::vector<double> p(kLatent * kColumns), c(kLatent * kResponses);
-    for (double& v : p) v = z(gen);
-    for (double& v : c) v = z(gen);
-    d.x = NCDataMatrix<float>(kRows, kColumns, 0.0f);
-    d.y = NCDataMatrix<float>(kRows, kResponses, 0.0f);
-    d.gappyX = d.x;
-    d.gappyY = d.y;
-    d.contiguous.resize(static_cast<size_t>(kRows) * kColumns);
-    std::vector<double> t(kLatent);
-    for (int i = 1; i <= kRows; ++i) {
-      for (int a = 0; a < kLatent; ++a) t[a] = z(gen) * (kLatent - a);
-      for (int j = 1; j <= kColumns; ++j) {
-        double v = 0.5 * z(gen);
-        for (int a = 0; a < kLatent; ++a) v += t[a] * p[a * kColumns + j - 1] / kLatent;
-        d.x(i, j, static_cast<float>(v));
-        d.gappyX(i, j, coin(gen) < 0.1 ? -99.0f : static_cast<float>(v));
-        d.contiguous[static_cast<size_t>(i - 1) * kColumns + (j - 1)] = static_cast<float>(v);
-      }
-      for (int m = 1; m <= kResponses; ++m) {
-        double v = 0.5 * z(gen);
-        for (int a = 0; a < kLatent; ++a) v += t[a] * c[a * kResponses + m - 1] / kLatent;
-        d.y(i, m, static_cast<float>(v));
-        d.gappyY(i, m, coin(gen) < 0.1 ? -99.0f : static_cast<float>(v));
-      }
-    }
+    static_cast<CalibrationData&>(d) = MakeCalibrationData(kRows, kColumns, kResponses, 29);
     d.u.assign(kRows, 0.5f);
     d.w.assign(kColumns, 0.25f);
     d.xu.resize(kColumns);
@@ -83,16 +51,6 @@ const Data& Get() {
   }();
   return data;
 }
-
-// Sets the threading switch for one benchmark and puts the default back afterwards.
-class ThreadingFor {
- public:
-  explicit ThreadingFor(const benchmark::State& state) {
-    ThreadingControl::Reset();
-    ThreadingControl::SetThreadingIsOn(state.range(1) != 0);
-  }
-  ~ThreadingFor() { ThreadingControl::Reset(); }
-};
 
 // One NIPALS iteration's worth of reading X: X'u and X w.
 void Floor(Data& d) {
@@ -103,7 +61,7 @@ void Floor(Data& d) {
 }
 
 void BM_PlsFit(benchmark::State& state) {
-  const ThreadingFor threading(state);
+  const ThreadingFor threading(state, 1);
   Data& d = const_cast<Data&>(Get());
   const bool gappy = state.range(0) != 0;
   const NCDataMatrix<float>& x = gappy ? d.gappyX : d.x;

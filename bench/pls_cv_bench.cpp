@@ -15,11 +15,11 @@
 #include <algorithm>
 #include <chrono>
 #include <limits>
-#include <random>
 #include <vector>
 
 #include <benchmark/benchmark.h>
 
+#include "latent_data.h"
 #include "threading_for.h"
 
 namespace {
@@ -37,43 +37,8 @@ using Vector = NCDataVector<float>;
 
 double Seconds(Clock::duration d) { return std::chrono::duration<double>(d).count(); }
 
-struct Data {
-  Matrix x, y, gappyX, gappyY;
-};
-
-// Eight latent directions of falling strength drive X and Y, plus noise, so that the five
-// components are structure that cross-validation confirms.
-const Data& Get() {
-  static const Data data = [] {
-    Data d;
-    constexpr int kLatent = 8;
-    std::mt19937 gen(31);
-    std::normal_distribution<double> z;
-    std::uniform_real_distribution<double> coin(0, 1);
-    std::vector<double> p(kLatent * kColumns), c(kLatent * kResponses), t(kLatent);
-    for (double& v : p) v = z(gen);
-    for (double& v : c) v = z(gen);
-    d.x = Matrix(kRows, kColumns, 0.0f);
-    d.y = Matrix(kRows, kResponses, 0.0f);
-    d.gappyX = Matrix(kRows, kColumns, 0.0f);
-    d.gappyY = Matrix(kRows, kResponses, 0.0f);
-    for (int i = 1; i <= kRows; ++i) {
-      for (int a = 0; a < kLatent; ++a) t[a] = z(gen) * (kLatent - a);
-      for (int j = 1; j <= kColumns; ++j) {
-        double v = 0.5 * z(gen);
-        for (int a = 0; a < kLatent; ++a) v += t[a] * p[a * kColumns + j - 1] / kLatent;
-        d.x(i, j, static_cast<float>(v));
-        d.gappyX(i, j, coin(gen) < 0.1 ? -99.0f : static_cast<float>(v));
-      }
-      for (int m = 1; m <= kResponses; ++m) {
-        double v = 0.5 * z(gen);
-        for (int a = 0; a < kLatent; ++a) v += t[a] * c[a * kResponses + m - 1] / kLatent;
-        d.y(i, m, static_cast<float>(v));
-        d.gappyY(i, m, coin(gen) < 0.1 ? -99.0f : static_cast<float>(v));
-      }
-    }
-    return d;
-  }();
+const CalibrationData& Get() {
+  static const CalibrationData data = MakeCalibrationData(kRows, kColumns, kResponses, 31);
   return data;
 }
 
@@ -85,7 +50,7 @@ Vector ColumnSS(const Matrix& y) {
 
 void BM_PlsFitOnly(benchmark::State& state) {
   const ThreadingFor threading(state, 1);
-  const Data& d = Get();
+  const CalibrationData& d = Get();
   const bool gappy = state.range(0) != 0;
   const Matrix& x = gappy ? d.gappyX : d.x;
   const Matrix& y = gappy ? d.gappyY : d.y;
@@ -108,7 +73,7 @@ void BM_PlsFitOnly(benchmark::State& state) {
 
 void BM_PlsFitWithCrossValidation(benchmark::State& state) {
   const ThreadingFor threading(state, 1);
-  const Data& d = Get();
+  const CalibrationData& d = Get();
   const bool gappy = state.range(0) != 0;
   const Matrix& x = gappy ? d.gappyX : d.x;
   const Matrix& y = gappy ? d.gappyY : d.y;

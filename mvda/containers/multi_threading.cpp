@@ -1,6 +1,7 @@
 // NCMultiThreading::ThreadingControl and the column workers.
 #include <mvda/containers/data_vector.h>
 #include <mvda/containers/detail/blas.h>
+#include <mvda/containers/detail/join_guard.h>
 #include <mvda/containers/multi_threading.h>
 #include <mvda/platform/error.h>
 
@@ -81,23 +82,6 @@ void MatrixColumnVectorOperationThread<T>::Rethrow() const {
   if (error_) std::rethrow_exception(error_);
 }
 
-namespace {
-
-// Joins every thread started so far when it goes out of scope, on the normal path and when
-// starting a later thread or anything else throws: no worker outlives the call that started it.
-class JoinGuard {
- public:
-  explicit JoinGuard(boost::thread_group& group) : group_(group) {}
-  JoinGuard(const JoinGuard&) = delete;
-  JoinGuard& operator=(const JoinGuard&) = delete;
-  ~JoinGuard() { group_.join_all(); }
-
- private:
-  boost::thread_group& group_;
-};
-
-}  // namespace
-
 template <class T>
 void MatrixColumnVectorOperationThread<T>::Run(int columns, const Operation& operation,
                                                NCDataVector<T>& result) {
@@ -122,7 +106,7 @@ void MatrixColumnVectorOperationThread<T>::Run(int columns, const Operation& ope
     workers.emplace_back(operation, first, std::min(columns, first + chunk - 1), buffer);
   {
     boost::thread_group group;
-    JoinGuard join(group);
+    mvda::detail::JoinGuard join(group);
     for (MatrixColumnVectorOperationThread& worker : workers) {
       try {
         group.create_thread([&worker] { worker(); });

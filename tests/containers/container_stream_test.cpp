@@ -18,6 +18,7 @@
 #include <gtest/gtest.h>
 
 #include "support/make_vector.h"  // MakeVector<T>({...}): a vector from literals, -99 = missing
+#include "support/stream_bytes.h"
 
 namespace {
 
@@ -29,17 +30,6 @@ NCDataMatrix<T> MakeMatrix(const Rows& rows, int columns) {
   NCDataMatrix<T> m(0, columns, T(0));
   for (const auto& row : rows) m.push_back(MakeVector<T>(row));
   return m;
-}
-
-std::string Bytes(const UStreamBase& object) {
-  std::ostringstream os;
-  EXPECT_TRUE(StreamOut(object, os));
-  return os.str();
-}
-
-bool ReadInto(const std::string& bytes, UStreamBase& object) {
-  std::istringstream is(bytes);
-  return StreamIn(object, is);
 }
 
 std::uint32_t U32(const std::string& bytes, std::size_t at) {  // little-endian

@@ -24,17 +24,6 @@ Rows ToRows(const NCDataMatrix<T>& m) {
   return rows;
 }
 
-// A random matrix with about `share` of its elements missing; fixed seed.
-template <class T>
-NCDataMatrix<T> RandomMatrix(int r, int c, double share, unsigned seed) {
-  std::mt19937 gen(seed);
-  std::uniform_real_distribution<double> value(-2, 2), coin(0, 1);
-  NCDataMatrix<T> m(r, c, T(0));
-  for (int i = 1; i <= r; ++i)
-    for (int j = 1; j <= c; ++j) m(i, j, coin(gen) < share ? T(-99) : static_cast<T>(value(gen)));
-  return m;
-}
-
 template <class T>
 double Tolerance() {
   return std::is_same<T, float>::value ? 2e-5 : 1e-12;

@@ -13,6 +13,7 @@
 #include <gtest/gtest.h>
 #include <omp.h>
 
+#include "support/make_matrix.h"
 #include "support/make_vector.h"  // ToStd(v): the elements of a vector
 
 namespace {
@@ -125,16 +126,6 @@ TEST_F(Threading, ColumnWorkersJoinBeforeRethrowing) {
   }
   EXPECT_TRUE(slowDone);
   EXPECT_THROW(MatrixColumnVectorOperationThread<float>::Run(5, operation, result), NCError);
-}
-
-template <class T>
-NCDataMatrix<T> RandomMatrix(int r, int c, double share, unsigned seed) {
-  std::mt19937 gen(seed);
-  std::uniform_real_distribution<double> value(-2, 2), coin(0, 1);
-  NCDataMatrix<T> m(r, c, T(0));
-  for (int i = 1; i <= r; ++i)
-    for (int j = 1; j <= c; ++j) m(i, j, coin(gen) < share ? T(-99) : static_cast<T>(value(gen)));
-  return m;
 }
 
 // The same elements with the rows scattered over the heap, so that no two rows lie at a fixed

@@ -10,6 +10,8 @@
 
 #include <gtest/gtest.h>
 
+#include "support/stream_bytes.h"
+
 namespace {
 
 // Reads front to back and cannot seek or tell its length, like a pipe.
@@ -143,12 +145,6 @@ class SamplePair : public virtual UStreamBase {
   SampleVector<float>* second;
 };
 UStreamableData SamplePair::MyStreamableData("SamplePair", 1);
-
-std::string Bytes(const UStreamBase& object) {
-  std::ostringstream os;
-  EXPECT_TRUE(StreamOut(object, os));
-  return os.str();
-}
 
 template <class T>
 std::string ElementBytes(const std::vector<T>& v) {

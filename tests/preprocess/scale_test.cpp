@@ -15,6 +15,7 @@
 
 #include "support/make_matrix.h"
 #include "support/make_vector.h"  // MakeVector<T>({...}): a vector from literals, -99 = missing
+#include "support/stream_bytes.h"
 
 namespace {
 
@@ -37,17 +38,6 @@ NCScale MakeModel(const std::vector<NCScale::Scaling>& types) {
   NCScale model(static_cast<int>(types.size()));
   for (std::size_t j = 0; j < types.size(); ++j) model.SetType(static_cast<int>(j) + 1, types[j]);
   return model;
-}
-
-std::string Bytes(const UStreamBase& object) {
-  std::ostringstream os;
-  EXPECT_TRUE(StreamOut(object, os));
-  return os.str();
-}
-
-bool ReadInto(const std::string& bytes, UStreamBase& object) {
-  std::istringstream is(bytes);
-  return StreamIn(object, is);
 }
 
 // Columns 3 and 4 hold 0, 8, 4 (one gap): mean 4, SS 16 + 16 + 0 = 32 over m - 1 = 2 gives

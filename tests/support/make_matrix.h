@@ -1,10 +1,11 @@
-// Test helpers for matrices: one built from literals (-99 marks a missing element), and the
-// oracle of the missing counts.
+// Test helpers for matrices: one built from literals (-99 marks a missing element), a random one,
+// and the oracle of the missing counts.
 #ifndef MVDA_TESTS_SUPPORT_MAKE_MATRIX_H_
 #define MVDA_TESTS_SUPPORT_MAKE_MATRIX_H_
 
 #include <mvda/containers/data_matrix.h>
 
+#include <random>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -16,6 +17,18 @@ NCDataMatrix<T> MakeMatrix(const std::vector<std::vector<double>>& rows) {
   NCDataMatrix<T> m(static_cast<int>(rows.size()), c, T(0));
   for (int i = 1; i <= m.SizeRows(); ++i)
     for (int j = 1; j <= c; ++j) m(i, j, static_cast<T>(rows[i - 1][j - 1]));
+  return m;
+}
+
+// A random matrix, values uniform in [-2, 2], with about `share` of its elements missing; fixed
+// seed.
+template <class T>
+NCDataMatrix<T> RandomMatrix(int r, int c, double share, unsigned seed) {
+  std::mt19937 gen(seed);
+  std::uniform_real_distribution<double> value(-2, 2), coin(0, 1);
+  NCDataMatrix<T> m(r, c, T(0));
+  for (int i = 1; i <= r; ++i)
+    for (int j = 1; j <= c; ++j) m(i, j, coin(gen) < share ? T(-99) : static_cast<T>(value(gen)));
   return m;
 }
 

@@ -1,4 +1,5 @@
 #include <mvda/cluster/detail/pair_distances.h>
+#include <mvda/containers/detail/join_guard.h>
 #include <mvda/containers/detail/parallel_for.h>
 #include <mvda/containers/detail/simd_clones.h>
 #include <mvda/platform/progress.h>
@@ -18,19 +19,6 @@ namespace mvda::detail {
 namespace {
 
 constexpr float kMissing = -99.0f;
-
-// Joins every thread started so far when it goes out of scope, on the normal path and when
-// starting a later thread throws: no worker outlives the call that started it.
-class JoinGuard {
- public:
-  explicit JoinGuard(boost::thread_group& group) : group_(group) {}
-  JoinGuard(const JoinGuard&) = delete;
-  JoinGuard& operator=(const JoinGuard&) = delete;
-  ~JoinGuard() { group_.join_all(); }
-
- private:
-  boost::thread_group& group_;
-};
 
 // Runs every job, each on a boost thread of its own; a job the system refuses a thread for runs
 // on the calling thread meanwhile. Returns when all have finished.

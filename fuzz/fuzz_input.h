@@ -1,4 +1,4 @@
-// What the container fuzz targets share: the input read through a seekable stream and through a
+// What the fuzz targets share: the input read through a seekable stream and through a
 // one-way stream (a pipe), which take different paths in the directory reader (seeking against
 // reading ahead into memory) and must come to the same result; and a check that stops the run.
 #ifndef MVDA_FUZZ_FUZZ_INPUT_H_

@@ -10,17 +10,9 @@
 #include <string>
 #include <vector>
 
+#include "fuzz_input.h"
+
 namespace {
-
-class OneWayBuf : public std::streambuf {  // front to back, no seeking, no length
- public:
-  explicit OneWayBuf(std::string bytes) : bytes_(std::move(bytes)) {
-    setg(bytes_.data(), bytes_.data(), bytes_.data() + bytes_.size());
-  }
-
- private:
-  std::string bytes_;
-};
 
 void Walk(std::istream& is, std::string& trace);
 
@@ -85,7 +77,7 @@ void Walk(std::istream& is, std::string& trace) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string bytes(reinterpret_cast<const char*>(data), size);
   std::istringstream seekable(bytes);
-  OneWayBuf pipe(bytes);
+  fuzz::OneWayBuf pipe(bytes);
   std::istream piped(&pipe);
   std::string seekable_trace, piped_trace;
   Walk(seekable, seekable_trace);

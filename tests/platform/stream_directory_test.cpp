@@ -10,17 +10,9 @@
 
 #include <gtest/gtest.h>
 
+#include "support/one_way_buf.h"
+
 namespace {
-
-class OneWayBuf : public std::streambuf {  // front to back, no seeking, no length: a pipe
- public:
-  explicit OneWayBuf(std::string bytes) : bytes_(std::move(bytes)) {
-    setg(bytes_.data(), bytes_.data(), bytes_.data() + bytes_.size());
-  }
-
- private:
-  std::string bytes_;
-};
 
 // Both kinds of source a reader meets: a seekable one that tells its length, and a pipe.
 struct Source {

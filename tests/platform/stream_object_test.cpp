@@ -10,20 +10,10 @@
 
 #include <gtest/gtest.h>
 
+#include "support/one_way_buf.h"
 #include "support/stream_bytes.h"
 
 namespace {
-
-// Reads front to back and cannot seek or tell its length, like a pipe.
-class OneWayBuf : public std::streambuf {
- public:
-  explicit OneWayBuf(std::string bytes) : bytes_(std::move(bytes)) {
-    setg(bytes_.data(), bytes_.data(), bytes_.data() + bytes_.size());
-  }
-
- private:
-  std::string bytes_;
-};
 
 // Streams itself the way NCDataVector does: record "NCDV" version 4, then a directory with the
 // size (entry 0), the missing count (entry 1) and, for a non-empty vector, the elements (entry 2).

@@ -57,33 +57,15 @@ using Grid = mvda::detail::WorkGrid;
 using mvda::detail::RowStarts;
 constexpr int kBlockColumns = Grid::kBlockColumns;
 
-// A buffer whose first element sits on a 64-byte boundary whatever the allocator returns. The
-// BLAS is handed a matrix only as rows packed into such a buffer, with the leading dimension equal
-// to the width, never as the rows in place: where the allocator happened to put them changes from
-// run to run, and the kernels pick their path by the leading dimension (OpenBLAS's matrix-vector
-// product sums in another order for lda > n than for lda = n) and might by the alignment. Dot
-// products and axpy read rows in place: they have no leading dimension, and a dot product's result
-// was checked not to depend on the alignment of its operands.
-template <class T>
-class AlignedBuffer {
- public:
-  T* Get(std::size_t n) {
-    storage_.resize(n + 64 / sizeof(T));
-    void* p = storage_.data();
-    std::size_t space = storage_.size() * sizeof(T);
-    return static_cast<T*>(std::align(64, n * sizeof(T), p, space));
-  }
-
- private:
-  std::vector<T> storage_;
-};
-
-// Copies rows[0..count-1] (width elements each) one after another into `to`.
-template <class T>
-void PackRows(const T* const* rows, int count, int width, T* to) {
-  for (int k = 0; k < count; ++k)
-    std::memcpy(to + static_cast<std::size_t>(k) * width, rows[k], sizeof(T) * width);
-}
+// The BLAS never reads a matrix's rows in place as one matrix. The rows are allocated one by one,
+// and whether they happen to lie at one fixed distance changes from run to run (the sanitizer's
+// quarantine makes it plain); a matrix-vector product over them in place would take that distance
+// as its leading dimension, and OpenBLAS's kernels sum in another order for lda > n than for
+// lda = n, so the answer would depend on where the allocator put the rows. Instead, complete rows
+// go through level-1 calls one row at a time (dot products and axpy, which have no leading
+// dimension and whose results were checked not to depend on the alignment of their operands, and
+// which run as fast as the matrix-vector product on these memory-bound sums), and products of
+// matrices through packed copies.
 
 // BLAS dot product in pieces small enough to run on the calling thread; pieces added in order.
 template <class T>
@@ -109,9 +91,8 @@ void AxpyInPieces(int n, T alpha, const T* x, T* y) {
 
 // For every column j: num_j = sum w_i x_ij and (when den is wanted) den_j = sum w_i^2, over the
 // rows i with use[i] where x_ij is present. `complete` says that no element of the matrix or of w
-// is missing and every row is used: then BLAS forms num with one transposed matrix-vector product
-// per group of rows, from a packed copy of the group, and den_j is the same sum of w_i^2 for every
-// column.
+// is missing and every row is used: then num is formed by one BLAS axpy per row, and den_j is the
+// same sum of w_i^2 for every column.
 struct ColumnSums {
   std::vector<double> num, den;
 };
@@ -130,23 +111,8 @@ ColumnSums WeightedColumnSums(const std::vector<const T*>& rows, const T* w,
     const int j0 = grid.BlockBegin(block), width = grid.BlockEnd(block) - j0;
     T* num = bandNum.data() + static_cast<std::size_t>(band) * cols + j0;
     if (complete) {
-      // Groups small enough for BLAS to stay on this thread; their cut depends on the shape only.
-      // The group's rows, its weights and the sums all sit in aligned buffers of their own.
-      const int group = std::max(1, std::min(64, mvda::detail::kBlasSingleThreadElements / width));
-      std::vector<const T*> starts(static_cast<std::size_t>(group));
-      AlignedBuffer<T> packedBuffer, weightBuffer, sumBuffer;
-      T* packed = packedBuffer.Get(static_cast<std::size_t>(group) * width);
-      T* weights = weightBuffer.Get(static_cast<std::size_t>(group));
-      T* sum = sumBuffer.Get(static_cast<std::size_t>(width));
-      std::fill(sum, sum + width, T(0));
-      for (int g = i0; g < i1; g += group) {
-        const int count = std::min(group, i1 - g);
-        for (int k = 0; k < count; ++k) starts[k] = rows[g + k] + j0;
-        PackRows(starts.data(), count, width, packed);
-        std::copy(w + g, w + g + count, weights);
-        mvda::detail::Gemv(true, count, width, T(1), packed, width, weights, T(1), sum);
-      }
-      std::copy(sum, sum + width, num);
+      // Row after row in order, each one axpy on this thread (width <= one call's share).
+      for (int i = i0; i < i1; ++i) mvda::detail::Axpy(width, w[i], rows[i] + j0, num);
       return;
     }
     std::vector<const T*> used;
@@ -250,7 +216,7 @@ void SetCountFromElements(NCDataVector<T>& v) {
 // Products through BLAS
 
 // A product operand as BLAS reads it: a packed copy of the rows, with missing elements replaced
-// by 0 when asked. Always a copy, never the rows in place (see AlignedBuffer).
+// by 0 when asked. Always a copy, never the rows in place (see above).
 template <class T>
 struct BlasOperand {
   std::vector<T> packed;
@@ -365,6 +331,12 @@ void NCDataMatrix<T>::MultiplyImpl(const NCDataMatrix& b, bool transposeThis, bo
         }
       }
     });
+  } else if (m > 0 && n > 0 && k > 0 && transposeThis && !transposeOther && !skipping) {
+    // A'B and A'A of complete matrices straight from the rows, in row blocks; A'A exactly
+    // symmetric and at half the work.
+    const std::vector<const T*> x = RowStarts(*this);
+    const std::vector<const T*> y = &b == this ? std::vector<const T*>() : RowStarts(b);
+    mvda::detail::BlockedCrossProduct(x.data(), m, y.empty() ? nullptr : y.data(), n, k, c.data());
   } else if (m > 0 && n > 0 && k > 0) {
     const BlasOperand<T> a = MakeOperand(*this, missing_ > 0);
     const BlasOperand<T> bb = MakeOperand(b, b.missing_ > 0);
@@ -975,8 +947,8 @@ typename NCDataMatrix<T>::Row NCDataMatrix<T>::SpecialNipalsRegressColumnsFix(
   return out;
 }
 
-// Per row: the plain product with p when neither the row nor p has a gap and no column is
-// excluded, the masked sums otherwise.
+// Per row: the plain product with p (one BLAS dot product on the row in place) when neither the
+// row nor p has a gap and no column is excluded, the masked sums otherwise.
 template <class T>
 void NCDataMatrix<T>::RegressRowsImpl(const Row& p, const IndexVector* exclude, int code, bool fix,
                                       Row& out) const {
@@ -1006,38 +978,17 @@ void NCDataMatrix<T>::RegressRowsImpl(const Row& p, const IndexVector* exclude, 
   }
   const bool fast = p.GetNumMisVal() == 0 && !exclude;
   const Grid grid(rows_, c);
-  // The groups are cut within the fixed bands, by the data and the shape alone, so any team gives
-  // the same result.
-  // Wider rows than one call may take go through the dot product in pieces (group 0).
-  const int group = c > 0 ? std::min(64, mvda::detail::kBlasSingleThreadElements / c) : 0;
-  const std::size_t step = static_cast<std::size_t>(std::max(group, 1));
-  AlignedBuffer<T> pBuffer;  // p itself, aligned like the rows
-  T* px = pBuffer.Get(static_cast<std::size_t>(c));
-  if (c > 0) std::copy(x, x + c, px);
+  // Each row's result comes from that row alone, so any team gives the same result.
   ParallelFor(grid.bands, [&](int band) {
     std::vector<int> plain, masked;  // 0-based rows
     for (int i = grid.BandBegin(band); i < grid.BandEnd(band); ++i)
       (fast && row_array_[i + 1].GetNumMisVal() == 0 ? plain : masked).push_back(i);
-    // The complete rows: one BLAS matrix-vector product per group small enough to stay on this
-    // thread, from a packed copy of the group in an aligned buffer (see AlignedBuffer).
-    std::vector<const T*> starts(step);
-    AlignedBuffer<T> packedBuffer, dotBuffer;
-    T* packed = group > 0 && c > 0 ? packedBuffer.Get(static_cast<std::size_t>(group) * c) : nullptr;
-    T* dots = dotBuffer.Get(step);
-    for (std::size_t k = 0; k < plain.size(); k += step) {
-      const int count = static_cast<int>(std::min(step, plain.size() - k));
-      for (int u = 0; u < count; ++u)
-        starts[u] = c > 0 ? row_array_[plain[k + u] + 1].GetVector() + 1 : nullptr;
-      if (group == 0 || c == 0) {
-        for (int u = 0; u < count; ++u)
-          dots[u] = c > 0 ? static_cast<T>(DotInPieces(c, starts[u], px)) : T(0);
-      } else {
-        PackRows(starts.data(), count, c, packed);
-        mvda::detail::Gemv(false, count, c, T(1), packed, c, px, T(0), dots);
-      }
-      for (int u = 0; u < count; ++u)
-        result[plain[k + u] + 1] =
-            c > 0 ? static_cast<T>(Coefficient(dots[u], all, all, fix)) : kMis<T>;
+    // The complete rows: one BLAS dot product each, read in place.
+    for (const int i : plain) {
+      const T* z = c > 0 ? row_array_[i + 1].GetVector() + 1 : nullptr;
+      result[i + 1] = c > 0 ? static_cast<T>(Coefficient(static_cast<T>(DotInPieces(c, z, x)), all,
+                                                         all, fix))
+                            : kMis<T>;
     }
     // The others through the masked sums, row by row.
     for (const int i : masked) {

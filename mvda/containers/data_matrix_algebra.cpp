@@ -61,11 +61,26 @@ constexpr int kBlockColumns = Grid::kBlockColumns;
 // and whether they happen to lie at one fixed distance changes from run to run (the sanitizer's
 // quarantine makes it plain); a matrix-vector product over them in place would take that distance
 // as its leading dimension, and OpenBLAS's kernels sum in another order for lda > n than for
-// lda = n, so the answer would depend on where the allocator put the rows. Instead, complete rows
-// go through level-1 calls one row at a time (dot products and axpy, which have no leading
-// dimension and whose results were checked not to depend on the alignment of their operands, and
-// which run as fast as the matrix-vector product on these memory-bound sums), and products of
-// matrices through packed copies.
+// lda = n, so the answer would depend on where the allocator put the rows. Instead, rows of at
+// least kRowCallWidth elements go through level-1 calls one row at a time (dot products and axpy,
+// which have no leading dimension, whose results were checked not to depend on the alignment of
+// their operands, and which run as fast as the matrix-vector product on these memory-bound sums);
+// narrower rows, where a call per row would cost more than its arithmetic, are copied in groups
+// into a buffer and read with the leading dimension equal to the width. Which of the two runs
+// depends on the width alone.
+constexpr int kRowCallWidth = 256;
+
+// Copies rows[0..count-1] (width elements each) one after another into `to`.
+template <class T>
+void PackRows(const T* const* rows, int count, int width, T* to) {
+  for (int k = 0; k < count; ++k)
+    std::memcpy(to + static_cast<std::size_t>(k) * width, rows[k], sizeof(T) * width);
+}
+
+// Rows per packed group: small enough for the BLAS call to stay on the calling thread.
+inline int PackedGroup(int width) {
+  return std::max(1, std::min(64, mvda::detail::kBlasSingleThreadElements / std::max(1, width)));
+}
 
 // BLAS dot product in pieces small enough to run on the calling thread; pieces added in order.
 template <class T>
@@ -91,8 +106,9 @@ void AxpyInPieces(int n, T alpha, const T* x, T* y) {
 
 // For every column j: num_j = sum w_i x_ij and (when den is wanted) den_j = sum w_i^2, over the
 // rows i with use[i] where x_ij is present. `complete` says that no element of the matrix or of w
-// is missing and every row is used: then num is formed by one BLAS axpy per row, and den_j is the
-// same sum of w_i^2 for every column.
+// is missing and every row is used: then num is formed by one BLAS axpy per row, or one transposed
+// matrix-vector product per packed group of narrow rows, and den_j is the same sum of w_i^2 for
+// every column.
 struct ColumnSums {
   std::vector<double> num, den;
 };
@@ -110,9 +126,21 @@ ColumnSums WeightedColumnSums(const std::vector<const T*>& rows, const T* w,
     const int i0 = grid.BandBegin(band), i1 = grid.BandEnd(band);
     const int j0 = grid.BlockBegin(block), width = grid.BlockEnd(block) - j0;
     T* num = bandNum.data() + static_cast<std::size_t>(band) * cols + j0;
-    if (complete) {
+    if (complete && width >= kRowCallWidth) {
       // Row after row in order, each one axpy on this thread (width <= one call's share).
       for (int i = i0; i < i1; ++i) mvda::detail::Axpy(width, w[i], rows[i] + j0, num);
+      return;
+    }
+    if (complete) {
+      const int group = PackedGroup(width);
+      std::vector<const T*> starts(static_cast<std::size_t>(group));
+      std::vector<T> packed(static_cast<std::size_t>(group) * width);
+      for (int g = i0; g < i1; g += group) {
+        const int count = std::min(group, i1 - g);
+        for (int k = 0; k < count; ++k) starts[k] = rows[g + k] + j0;
+        PackRows(starts.data(), count, width, packed.data());
+        mvda::detail::Gemv(true, count, width, T(1), packed.data(), width, w + g, T(1), num);
+      }
       return;
     }
     std::vector<const T*> used;
@@ -947,8 +975,8 @@ typename NCDataMatrix<T>::Row NCDataMatrix<T>::SpecialNipalsRegressColumnsFix(
   return out;
 }
 
-// Per row: the plain product with p (one BLAS dot product on the row in place) when neither the
-// row nor p has a gap and no column is excluded, the masked sums otherwise.
+// Per row: the plain product with p when neither the row nor p has a gap and no column is
+// excluded, the masked sums otherwise.
 template <class T>
 void NCDataMatrix<T>::RegressRowsImpl(const Row& p, const IndexVector* exclude, int code, bool fix,
                                       Row& out) const {
@@ -983,12 +1011,26 @@ void NCDataMatrix<T>::RegressRowsImpl(const Row& p, const IndexVector* exclude, 
     std::vector<int> plain, masked;  // 0-based rows
     for (int i = grid.BandBegin(band); i < grid.BandEnd(band); ++i)
       (fast && row_array_[i + 1].GetNumMisVal() == 0 ? plain : masked).push_back(i);
-    // The complete rows: one BLAS dot product each, read in place.
-    for (const int i : plain) {
-      const T* z = c > 0 ? row_array_[i + 1].GetVector() + 1 : nullptr;
-      result[i + 1] = c > 0 ? static_cast<T>(Coefficient(static_cast<T>(DotInPieces(c, z, x)), all,
-                                                         all, fix))
-                            : kMis<T>;
+    // The complete rows: one BLAS dot product each, read in place, or for narrow rows one
+    // matrix-vector product per packed group.
+    if (c >= kRowCallWidth) {
+      for (const int i : plain)
+        result[i + 1] = static_cast<T>(Coefficient(
+            static_cast<T>(DotInPieces(c, row_array_[i + 1].GetVector() + 1, x)), all, all, fix));
+    } else if (c > 0) {
+      const int group = PackedGroup(c);
+      std::vector<const T*> starts(static_cast<std::size_t>(group));
+      std::vector<T> packed(static_cast<std::size_t>(group) * c), dots(starts.size());
+      for (std::size_t k = 0; k < plain.size(); k += starts.size()) {
+        const int count = static_cast<int>(std::min(starts.size(), plain.size() - k));
+        for (int u = 0; u < count; ++u) starts[u] = row_array_[plain[k + u] + 1].GetVector() + 1;
+        PackRows(starts.data(), count, c, packed.data());
+        mvda::detail::Gemv(false, count, c, T(1), packed.data(), c, x, T(0), dots.data());
+        for (int u = 0; u < count; ++u)
+          result[plain[k + u] + 1] = static_cast<T>(Coefficient(dots[u], all, all, fix));
+      }
+    } else {
+      for (const int i : plain) result[i + 1] = kMis<T>;
     }
     // The others through the masked sums, row by row.
     for (const int i : masked) {

@@ -4,6 +4,8 @@
 #ifndef MVDA_CONTAINERS_DETAIL_PIECES_H_
 #define MVDA_CONTAINERS_DETAIL_PIECES_H_
 
+#include <mvda/mvda_export.h>
+
 #include <type_traits>
 #include <utility>
 
@@ -33,8 +35,8 @@ void RunPieces(int count, Piece&& piece);
 
 // ---------------------------------------------------------------------------------------------
 
-// The type-erased core: calls run(context, k).
-void RunPiecesImpl(int count, void (*run)(void* context, int k), void* context);
+// The type-erased core: calls run(context, k). Exported for its tests only.
+MVDA_EXPORT void RunPiecesImpl(int count, void (*run)(void* context, int k), void* context);
 
 template <class Piece>
 void RunPieces(int count, Piece&& piece) {

@@ -939,13 +939,16 @@ void NCDataMatrix<T>::RegressColumnsImpl(const Row& t, const IndexVector* exclud
     return static_cast<T>(Coefficient(a, b, all, fix));
   };
   if (exclude) {
-    // The column workers: each range of columns streams the rows once on a thread of its own.
-    const auto operation = [&](int first, int last, T* to) {
+    // Ranges of columns, each streaming the rows once; a column's sums come from its own column
+    // alone, so the cut (by the width only: about 16 ranges of at least 32 columns) changes no
+    // answer, and a thread that another process slows down takes fewer ranges.
+    const int step = std::max(32, (c + 15) / 16);
+    ParallelFor((c + step - 1) / step, [&](int piece) {
+      const int first = piece * step + 1, last = std::min(c, first + step - 1);
       std::vector<double> num(static_cast<std::size_t>(last - first + 1)), den(num.size());
       WeightedColumnRange(rows, w, use, c, first, last, num.data(), den.data());
-      for (int j = first; j <= last; ++j) to[j] = finish(j, num[j - first], den[j - first]);
-    };
-    NCMultiThreading::MatrixColumnVectorOperationThread<T>::Run(c, operation, out);
+      for (int j = first; j <= last; ++j) result[j] = finish(j, num[j - first], den[j - first]);
+    });
   } else {
     const ColumnSums sums = WeightedColumnSums(rows, w, use, c, complete, true);
     for (int j = 1; j <= c; ++j) result[j] = finish(j, sums.num[j - 1], sums.den[j - 1]);

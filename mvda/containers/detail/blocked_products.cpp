@@ -32,11 +32,16 @@ struct Cut {
   int End(int p) const { return std::min(size, (p + 1) * step); }
 };
 
-Cut InnerBlocks(int k, long long outElements) {
+Cut InnerBlocks(int k, long long outElements, int minBlock = kMinBlock) {
   const long long byMemory = outElements > 0 ? kMaxPartialElements / outElements : kMaxBlocks;
   const int most = static_cast<int>(std::max(1LL, std::min<long long>(kMaxBlocks, byMemory)));
-  return Cut(k, std::max(1, std::min(most, k / kMinBlock)));
+  return Cut(k, std::max(1, std::min(most, k / minBlock)));
 }
+
+// The cross products copy each piece's rows; with enough row blocks to go round, a piece is a
+// whole block, copied once, rather than a band of it.
+constexpr int kMinRowBlock = 1024;
+constexpr int kEnoughBlocks = 8;
 
 // Bands of output rows: about four, or one for a small product.
 Cut Bands(int m, long long work) {
@@ -131,8 +136,8 @@ void BlockedCrossProduct(const T* const* x, int xCols, const T* const* y, int yC
     std::fill(out, out + size, T(0));
     return;
   }
-  const Cut blocks = InnerBlocks(rows, size);
-  const Cut bands = Bands(m, size * rows);
+  const Cut blocks = InnerBlocks(rows, size, kMinRowBlock);
+  const Cut bands = blocks.count >= kEnoughBlocks ? Cut(m, 1) : Bands(m, size * rows);
   std::vector<T> partials;
   if (blocks.count > 1) partials.resize(static_cast<std::size_t>(blocks.count) * size);
   RunPieces(blocks.count * bands.count, [&](int piece) {

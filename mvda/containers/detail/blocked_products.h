@@ -25,10 +25,11 @@ void BlockedGemm(bool transposeA, bool transposeB, int m, int n, int k, const T*
 // elements each) and likewise y. With y null the Gram matrix X'X is formed, whose elements are
 // computed once for each pair and mirrored, so that it is exactly symmetric. out is xCols x yCols
 // (xCols x xCols for X'X), row-major and contiguous.
-// - The rows are cut into blocks by their count and the output size alone; each block is copied
-//   into a private contiguous buffer (so that no BLAS call ever sees where the rows lie in memory),
-//   and each (block, band of output rows) piece is one single-threaded Gemm. Block results are
-//   added in block order in double, then rounded once to T.
+// - The rows are cut into at most 16 blocks of at least 1024 rows (fewer when the partial results
+//   would exceed 32 Mi elements), by their count and the output size alone. Each piece, a block
+//   or (with fewer than 8 blocks) a block's band of output rows, is copied into a private
+//   contiguous buffer, so that no BLAS call ever sees where the rows lie in memory, and is one
+//   single-threaded Gemm. Block results are added in block order in double, then rounded once.
 // - The rows must be complete (no missing marker); the caller handles gaps.
 // - Memory: the partial results of the blocks (at most 32 Mi elements beyond out) and one copy of
 //   a block's rows per running piece.

@@ -5,8 +5,9 @@
 // (matrix elements read) are the library call's; the counter x_blas is the library call's fastest
 // iteration over the baseline's fastest, which a busy machine disturbs far less than two
 // separate benchmarks would. Every benchmark takes a second argument: 1 runs with threading on
-// (the library's default on a multi-core machine), 0 with it off; ThreadingControl sets the BLAS
-// thread count too, so the baselines follow the same switch. Times are wall-clock times.
+// (the library's default on a multi-core machine), 0 with it off. The library keeps the BLAS at one
+// thread either way, so the baseline is always one single-threaded BLAS call, and with threading on
+// x_blas below 1 is what the library's own threads gain. Times are wall-clock times.
 #include <mvda/containers/data_matrix.h>
 #include <mvda/containers/multi_threading.h>
 

@@ -3,6 +3,7 @@
 // NCVecOpResultProxy.
 #include <mvda/containers/data_matrix.h>
 #include <mvda/containers/detail/blas.h>
+#include <mvda/containers/detail/blocked_products.h>
 #include <mvda/containers/detail/masked_kernels.h>
 #include <mvda/containers/detail/parallel_for.h>
 #include <mvda/containers/detail/work_grid.h>
@@ -15,6 +16,7 @@
 #include <cstdint>
 #include <cstring>
 #include <functional>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -55,22 +57,29 @@ using Grid = mvda::detail::WorkGrid;
 using mvda::detail::RowStarts;
 constexpr int kBlockColumns = Grid::kBlockColumns;
 
-// The distance, in elements, between rows[0..count-1] when they lie at one fixed distance of at
-// least `width` elements from each other, so that BLAS can read them in place as one row-major
-// matrix; 0 otherwise. Rows allocated one after another usually do.
+// The BLAS never reads a matrix's rows in place as one matrix. The rows are allocated one by one,
+// and whether they happen to lie at one fixed distance changes from run to run (the sanitizer's
+// quarantine makes it plain); a matrix-vector product over them in place would take that distance
+// as its leading dimension, and OpenBLAS's kernels sum in another order for lda > n than for
+// lda = n, so the answer would depend on where the allocator put the rows. Instead, rows of at
+// least kRowCallWidth elements go through level-1 calls one row at a time (dot products and axpy,
+// which have no leading dimension, whose results were checked not to depend on the alignment of
+// their operands, and which run as fast as the matrix-vector product on these memory-bound sums);
+// narrower rows, where a call per row would cost more than its arithmetic, are copied in groups
+// into a buffer and read with the leading dimension equal to the width. Which of the two runs
+// depends on the width alone.
+constexpr int kRowCallWidth = 256;
+
+// Copies rows[0..count-1] (width elements each) one after another into `to`.
 template <class T>
-int EvenStride(const T* const* rows, int count, int width) {
-  if (count == 1) return width;
-  const auto base = reinterpret_cast<std::uintptr_t>(rows[0]);
-  const std::uintptr_t step = reinterpret_cast<std::uintptr_t>(rows[1]) - base;
-  if (step % sizeof(T) != 0 || step / sizeof(T) < static_cast<std::uintptr_t>(width) ||
-      step / sizeof(T) > static_cast<std::uintptr_t>(INT_MAX))
-    return 0;
-  for (int k = 2; k < count; ++k)
-    if (reinterpret_cast<std::uintptr_t>(rows[k]) - reinterpret_cast<std::uintptr_t>(rows[k - 1]) !=
-        step)
-      return 0;
-  return static_cast<int>(step / sizeof(T));
+void PackRows(const T* const* rows, int count, int width, T* to) {
+  for (int k = 0; k < count; ++k)
+    std::memcpy(to + static_cast<std::size_t>(k) * width, rows[k], sizeof(T) * width);
+}
+
+// Rows per packed group: small enough for the BLAS call to stay on the calling thread.
+inline int PackedGroup(int width) {
+  return std::max(1, std::min(64, mvda::detail::kBlasSingleThreadElements / std::max(1, width)));
 }
 
 // BLAS dot product in pieces small enough to run on the calling thread; pieces added in order.
@@ -97,9 +106,9 @@ void AxpyInPieces(int n, T alpha, const T* x, T* y) {
 
 // For every column j: num_j = sum w_i x_ij and (when den is wanted) den_j = sum w_i^2, over the
 // rows i with use[i] where x_ij is present. `complete` says that no element of the matrix or of w
-// is missing and every row is used: then BLAS forms num with one transposed matrix-vector product
-// per group of rows (in place where the rows lie evenly, else from a packed copy of the group), and
-// den_j is the same sum of w_i^2 for every column.
+// is missing and every row is used: then num is formed by one BLAS axpy per row, or one transposed
+// matrix-vector product per packed group of narrow rows, and den_j is the same sum of w_i^2 for
+// every column.
 struct ColumnSums {
   std::vector<double> num, den;
 };
@@ -117,25 +126,20 @@ ColumnSums WeightedColumnSums(const std::vector<const T*>& rows, const T* w,
     const int i0 = grid.BandBegin(band), i1 = grid.BandEnd(band);
     const int j0 = grid.BlockBegin(block), width = grid.BlockEnd(block) - j0;
     T* num = bandNum.data() + static_cast<std::size_t>(band) * cols + j0;
+    if (complete && width >= kRowCallWidth) {
+      // Row after row in order, each one axpy on this thread (width <= one call's share).
+      for (int i = i0; i < i1; ++i) mvda::detail::Axpy(width, w[i], rows[i] + j0, num);
+      return;
+    }
     if (complete) {
-      // Groups small enough for BLAS to stay on this thread; their cut depends on the shape only.
-      const int group = std::max(1, std::min(64, mvda::detail::kBlasSingleThreadElements / width));
+      const int group = PackedGroup(width);
       std::vector<const T*> starts(static_cast<std::size_t>(group));
-      std::vector<T> packed;
+      std::vector<T> packed(static_cast<std::size_t>(group) * width);
       for (int g = i0; g < i1; g += group) {
         const int count = std::min(group, i1 - g);
         for (int k = 0; k < count; ++k) starts[k] = rows[g + k] + j0;
-        int ld = EvenStride(starts.data(), count, width);
-        const T* a = starts[0];
-        if (ld == 0) {
-          packed.resize(static_cast<std::size_t>(group) * width);
-          for (int k = 0; k < count; ++k)
-            std::memcpy(packed.data() + static_cast<std::size_t>(k) * width, starts[k],
-                        sizeof(T) * width);
-          a = packed.data();
-          ld = width;
-        }
-        mvda::detail::Gemv(true, count, width, T(1), a, ld, w + g, T(1), num);
+        PackRows(starts.data(), count, width, packed.data());
+        mvda::detail::Gemv(true, count, width, T(1), packed.data(), width, w + g, T(1), num);
       }
       return;
     }
@@ -239,8 +243,8 @@ void SetCountFromElements(NCDataVector<T>& v) {
 // ---------------------------------------------------------------------------------------------
 // Products through BLAS
 
-// A product operand as BLAS reads it: the rows in place when they lie evenly and nothing has to be
-// replaced, else a packed copy in which missing elements may be replaced by 0.
+// A product operand as BLAS reads it: a packed copy of the rows, with missing elements replaced
+// by 0 when asked. Always a copy, never the rows in place (see above).
 template <class T>
 struct BlasOperand {
   std::vector<T> packed;
@@ -255,14 +259,6 @@ BlasOperand<T> MakeOperand(const NCDataMatrix<T>& m, bool zeroMissing) {
   op.ld = std::max(1, c);
   if (r == 0 || c == 0) return op;
   const std::vector<const T*> rows = RowStarts(m);
-  if (!zeroMissing) {
-    const int ld = EvenStride(rows.data(), r, c);
-    if (ld > 0) {
-      op.data = rows[0];
-      op.ld = ld;
-      return op;
-    }
-  }
   op.packed.resize(static_cast<std::size_t>(r) * c);
   const Grid grid(r, c);
   ParallelFor(grid.bands, [&](int band) {
@@ -363,16 +359,22 @@ void NCDataMatrix<T>::MultiplyImpl(const NCDataMatrix& b, bool transposeThis, bo
         }
       }
     });
+  } else if (m > 0 && n > 0 && k > 0 && transposeThis && !transposeOther && !skipping) {
+    // A'B and A'A of complete matrices straight from the rows, in row blocks; A'A exactly
+    // symmetric and at half the work.
+    const std::vector<const T*> x = RowStarts(*this);
+    const std::vector<const T*> y = &b == this ? std::vector<const T*>() : RowStarts(b);
+    mvda::detail::BlockedCrossProduct(x.data(), m, y.empty() ? nullptr : y.data(), n, k, c.data());
   } else if (m > 0 && n > 0 && k > 0) {
     const BlasOperand<T> a = MakeOperand(*this, missing_ > 0);
     const BlasOperand<T> bb = MakeOperand(b, b.missing_ > 0);
-    mvda::detail::Gemm(transposeThis, transposeOther, m, n, k, a.data, a.ld, bb.data, bb.ld,
-                       c.data(), n);
+    mvda::detail::BlockedGemm(transposeThis, transposeOther, m, n, k, a.data, a.ld, bb.data,
+                              bb.ld, c.data(), n);
     if (skipping && rescale) {
       pairs.assign(c.size(), T(0));
       const BlasOperand<T> pa = MakePresenceOperand(*this), pb = MakePresenceOperand(b);
-      mvda::detail::Gemm(transposeThis, transposeOther, m, n, k, pa.data, pa.ld, pb.data, pb.ld,
-                         pairs.data(), n);
+      mvda::detail::BlockedGemm(transposeThis, transposeOther, m, n, k, pa.data, pa.ld, pb.data,
+                                pb.ld, pairs.data(), n);
     }
   }
   // Rows of op(A) and columns of op(B) that are missing throughout give missing results.
@@ -937,13 +939,16 @@ void NCDataMatrix<T>::RegressColumnsImpl(const Row& t, const IndexVector* exclud
     return static_cast<T>(Coefficient(a, b, all, fix));
   };
   if (exclude) {
-    // The column workers: each range of columns streams the rows once on a thread of its own.
-    const auto operation = [&](int first, int last, T* to) {
+    // Ranges of columns, each streaming the rows once; a column's sums come from its own column
+    // alone, so the cut (by the width only: about 16 ranges of at least 32 columns) changes no
+    // answer, and a thread that another process slows down takes fewer ranges.
+    const int step = std::max(32, (c + 15) / 16);
+    ParallelFor((c + step - 1) / step, [&](int piece) {
+      const int first = piece * step + 1, last = std::min(c, first + step - 1);
       std::vector<double> num(static_cast<std::size_t>(last - first + 1)), den(num.size());
       WeightedColumnRange(rows, w, use, c, first, last, num.data(), den.data());
-      for (int j = first; j <= last; ++j) to[j] = finish(j, num[j - first], den[j - first]);
-    };
-    NCMultiThreading::MatrixColumnVectorOperationThread<T>::Run(c, operation, out);
+      for (int j = first; j <= last; ++j) result[j] = finish(j, num[j - first], den[j - first]);
+    });
   } else {
     const ColumnSums sums = WeightedColumnSums(rows, w, use, c, complete, true);
     for (int j = 1; j <= c; ++j) result[j] = finish(j, sums.num[j - 1], sums.den[j - 1]);
@@ -1004,41 +1009,31 @@ void NCDataMatrix<T>::RegressRowsImpl(const Row& p, const IndexVector* exclude, 
   }
   const bool fast = p.GetNumMisVal() == 0 && !exclude;
   const Grid grid(rows_, c);
-  // The groups are cut within the fixed bands, by the data and the shape alone, so any team gives
-  // the same result.
-  // Wider rows than one call may take go through the dot product in pieces (group 0).
-  const int group = c > 0 ? std::min(64, mvda::detail::kBlasSingleThreadElements / c) : 0;
-  const std::size_t step = static_cast<std::size_t>(std::max(group, 1));
+  // Each row's result comes from that row alone, so any team gives the same result.
   ParallelFor(grid.bands, [&](int band) {
     std::vector<int> plain, masked;  // 0-based rows
     for (int i = grid.BandBegin(band); i < grid.BandEnd(band); ++i)
       (fast && row_array_[i + 1].GetNumMisVal() == 0 ? plain : masked).push_back(i);
-    // The complete rows: one BLAS matrix-vector product per group small enough to stay on this
-    // thread, read in place where the group's rows lie evenly, else from a packed copy.
-    std::vector<const T*> starts(step);
-    std::vector<T> packed, dots(step);
-    for (std::size_t k = 0; k < plain.size(); k += step) {
-      const int count = static_cast<int>(std::min(step, plain.size() - k));
-      for (int u = 0; u < count; ++u)
-        starts[u] = c > 0 ? row_array_[plain[k + u] + 1].GetVector() + 1 : nullptr;
-      if (group == 0 || c == 0) {
+    // The complete rows: one BLAS dot product each, read in place, or for narrow rows one
+    // matrix-vector product per packed group.
+    if (c >= kRowCallWidth) {
+      for (const int i : plain)
+        result[i + 1] = static_cast<T>(Coefficient(
+            static_cast<T>(DotInPieces(c, row_array_[i + 1].GetVector() + 1, x)), all, all, fix));
+    } else if (c > 0) {
+      const int group = PackedGroup(c);
+      std::vector<const T*> starts(static_cast<std::size_t>(group));
+      std::vector<T> packed(static_cast<std::size_t>(group) * c), dots(starts.size());
+      for (std::size_t k = 0; k < plain.size(); k += starts.size()) {
+        const int count = static_cast<int>(std::min(starts.size(), plain.size() - k));
+        for (int u = 0; u < count; ++u) starts[u] = row_array_[plain[k + u] + 1].GetVector() + 1;
+        PackRows(starts.data(), count, c, packed.data());
+        mvda::detail::Gemv(false, count, c, T(1), packed.data(), c, x, T(0), dots.data());
         for (int u = 0; u < count; ++u)
-          dots[u] = c > 0 ? static_cast<T>(DotInPieces(c, starts[u], x)) : T(0);
-      } else {
-        int ld = EvenStride(starts.data(), count, c);
-        const T* a = starts[0];
-        if (ld == 0) {
-          packed.resize(static_cast<std::size_t>(group) * c);
-          for (int u = 0; u < count; ++u)
-            std::memcpy(packed.data() + static_cast<std::size_t>(u) * c, starts[u], sizeof(T) * c);
-          a = packed.data();
-          ld = c;
-        }
-        mvda::detail::Gemv(false, count, c, T(1), a, ld, x, T(0), dots.data());
+          result[plain[k + u] + 1] = static_cast<T>(Coefficient(dots[u], all, all, fix));
       }
-      for (int u = 0; u < count; ++u)
-        result[plain[k + u] + 1] =
-            c > 0 ? static_cast<T>(Coefficient(dots[u], all, all, fix)) : kMis<T>;
+    } else {
+      for (const int i : plain) result[i + 1] = kMis<T>;
     }
     // The others through the masked sums, row by row.
     for (const int i : masked) {

@@ -1,0 +1,40 @@
+// CrossProducts, FormCrossProducts: the Gram matrices X'X, X'Y and Y'Y of complete data, on which
+// the models iterate instead of on the data themselves, and RowProducts, the one pass over the
+// data that turns their results back into scores.
+#ifndef MVDA_MODELS_DETAIL_GRAM_H_
+#define MVDA_MODELS_DETAIL_GRAM_H_
+
+#include <mvda/containers/data_matrix.h>
+#include <mvda/mvda_export.h>
+
+#include <vector>
+
+namespace mvda::detail {
+
+// Rows per block of a Gram matrix. Fixed, so that how the sums are cut depends on the data alone.
+inline constexpr int kGramBlockRows = 512;
+
+// The cross products of one set of rows, in double, row-major: xx is K x K (full, symmetric), xy
+// K x M and yy M x M (empty without Y).
+struct CrossProducts {
+  int k = 0, m = 0;
+  std::vector<double> xx, xy, yy;
+};
+
+// The cross products of every set of rows (0-based row numbers, any order; an empty list of sets
+// means one set of all rows in order) of x and, when given, y (same row count). x and y must have
+// no missing value: the caller checks. Each block of kGramBlockRows rows of a set is one
+// single-threaded BLAS product in single precision; the blocks run on the library's team, and
+// their sums are added in double in the order of the blocks, so the result is the same bits for
+// any number of threads.
+MVDA_EXPORT std::vector<CrossProducts> FormCrossProducts(
+    const NCDataMatrix<float>& x, const NCDataMatrix<float>* y,
+    const std::vector<std::vector<int>>& rowSets);
+
+// out (N x q, row-major) = x (N x K, complete) times v (K x q, row-major): the scores of q
+// directions in one pass over x, by blocks of rows on the library's team.
+MVDA_EXPORT void RowProducts(const NCDataMatrix<float>& x, const float* v, int q, float* out);
+
+}  // namespace mvda::detail
+
+#endif  // MVDA_MODELS_DETAIL_GRAM_H_

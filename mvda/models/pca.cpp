@@ -441,6 +441,8 @@ const NCPCA::Matrix* NCPCA::GetResiduals() const {
   return residuals_.get();
 }
 
+bool NCPCA::IsFittingOnGram() const { return kernel_->live; }
+
 void NCPCA::SetGramIterations(bool on) {
   if (!on) LeaveGram();
   gram_iterations_ = on;

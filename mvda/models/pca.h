@@ -103,6 +103,9 @@ class MVDA_EXPORT NCPCA : public UStreamBase {
   // the deferred work. Per model object; copies take the setting along.
   void SetGramIterations(bool on);
   bool GetGramIterations() const { return gram_iterations_; }
+  // Whether the last fit ran on the Gram matrix and its deferred work stands (false after a fit
+  // on E).
+  bool IsFittingOnGram() const;
 
   // --- Stream (pca_stream.cpp): record "NCPCA" version 2 and a directory of P' (entry 0), T' (1)
   // and E (2) as NCDataMatrix<float> objects, the maximum of iterations (3) and the iterations of

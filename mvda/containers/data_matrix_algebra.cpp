@@ -3,6 +3,7 @@
 // NCVecOpResultProxy.
 #include <mvda/containers/data_matrix.h>
 #include <mvda/containers/detail/blas.h>
+#include <mvda/containers/detail/blocked_products.h>
 #include <mvda/containers/detail/masked_kernels.h>
 #include <mvda/containers/detail/parallel_for.h>
 #include <mvda/containers/detail/work_grid.h>
@@ -15,6 +16,7 @@
 #include <cstdint>
 #include <cstring>
 #include <functional>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -55,22 +57,32 @@ using Grid = mvda::detail::WorkGrid;
 using mvda::detail::RowStarts;
 constexpr int kBlockColumns = Grid::kBlockColumns;
 
-// The distance, in elements, between rows[0..count-1] when they lie at one fixed distance of at
-// least `width` elements from each other, so that BLAS can read them in place as one row-major
-// matrix; 0 otherwise. Rows allocated one after another usually do.
+// A buffer whose first element sits on a 64-byte boundary whatever the allocator returns. The
+// BLAS is handed a matrix only as rows packed into such a buffer, with the leading dimension equal
+// to the width, never as the rows in place: where the allocator happened to put them changes from
+// run to run, and the kernels pick their path by the leading dimension (OpenBLAS's matrix-vector
+// product sums in another order for lda > n than for lda = n) and might by the alignment. Dot
+// products and axpy read rows in place: they have no leading dimension, and a dot product's result
+// was checked not to depend on the alignment of its operands.
 template <class T>
-int EvenStride(const T* const* rows, int count, int width) {
-  if (count == 1) return width;
-  const auto base = reinterpret_cast<std::uintptr_t>(rows[0]);
-  const std::uintptr_t step = reinterpret_cast<std::uintptr_t>(rows[1]) - base;
-  if (step % sizeof(T) != 0 || step / sizeof(T) < static_cast<std::uintptr_t>(width) ||
-      step / sizeof(T) > static_cast<std::uintptr_t>(INT_MAX))
-    return 0;
-  for (int k = 2; k < count; ++k)
-    if (reinterpret_cast<std::uintptr_t>(rows[k]) - reinterpret_cast<std::uintptr_t>(rows[k - 1]) !=
-        step)
-      return 0;
-  return static_cast<int>(step / sizeof(T));
+class AlignedBuffer {
+ public:
+  T* Get(std::size_t n) {
+    storage_.resize(n + 64 / sizeof(T));
+    void* p = storage_.data();
+    std::size_t space = storage_.size() * sizeof(T);
+    return static_cast<T*>(std::align(64, n * sizeof(T), p, space));
+  }
+
+ private:
+  std::vector<T> storage_;
+};
+
+// Copies rows[0..count-1] (width elements each) one after another into `to`.
+template <class T>
+void PackRows(const T* const* rows, int count, int width, T* to) {
+  for (int k = 0; k < count; ++k)
+    std::memcpy(to + static_cast<std::size_t>(k) * width, rows[k], sizeof(T) * width);
 }
 
 // BLAS dot product in pieces small enough to run on the calling thread; pieces added in order.
@@ -98,8 +110,8 @@ void AxpyInPieces(int n, T alpha, const T* x, T* y) {
 // For every column j: num_j = sum w_i x_ij and (when den is wanted) den_j = sum w_i^2, over the
 // rows i with use[i] where x_ij is present. `complete` says that no element of the matrix or of w
 // is missing and every row is used: then BLAS forms num with one transposed matrix-vector product
-// per group of rows (in place where the rows lie evenly, else from a packed copy of the group), and
-// den_j is the same sum of w_i^2 for every column.
+// per group of rows, from a packed copy of the group, and den_j is the same sum of w_i^2 for every
+// column.
 struct ColumnSums {
   std::vector<double> num, den;
 };
@@ -119,24 +131,22 @@ ColumnSums WeightedColumnSums(const std::vector<const T*>& rows, const T* w,
     T* num = bandNum.data() + static_cast<std::size_t>(band) * cols + j0;
     if (complete) {
       // Groups small enough for BLAS to stay on this thread; their cut depends on the shape only.
+      // The group's rows, its weights and the sums all sit in aligned buffers of their own.
       const int group = std::max(1, std::min(64, mvda::detail::kBlasSingleThreadElements / width));
       std::vector<const T*> starts(static_cast<std::size_t>(group));
-      std::vector<T> packed;
+      AlignedBuffer<T> packedBuffer, weightBuffer, sumBuffer;
+      T* packed = packedBuffer.Get(static_cast<std::size_t>(group) * width);
+      T* weights = weightBuffer.Get(static_cast<std::size_t>(group));
+      T* sum = sumBuffer.Get(static_cast<std::size_t>(width));
+      std::fill(sum, sum + width, T(0));
       for (int g = i0; g < i1; g += group) {
         const int count = std::min(group, i1 - g);
         for (int k = 0; k < count; ++k) starts[k] = rows[g + k] + j0;
-        int ld = EvenStride(starts.data(), count, width);
-        const T* a = starts[0];
-        if (ld == 0) {
-          packed.resize(static_cast<std::size_t>(group) * width);
-          for (int k = 0; k < count; ++k)
-            std::memcpy(packed.data() + static_cast<std::size_t>(k) * width, starts[k],
-                        sizeof(T) * width);
-          a = packed.data();
-          ld = width;
-        }
-        mvda::detail::Gemv(true, count, width, T(1), a, ld, w + g, T(1), num);
+        PackRows(starts.data(), count, width, packed);
+        std::copy(w + g, w + g + count, weights);
+        mvda::detail::Gemv(true, count, width, T(1), packed, width, weights, T(1), sum);
       }
+      std::copy(sum, sum + width, num);
       return;
     }
     std::vector<const T*> used;
@@ -239,8 +249,8 @@ void SetCountFromElements(NCDataVector<T>& v) {
 // ---------------------------------------------------------------------------------------------
 // Products through BLAS
 
-// A product operand as BLAS reads it: the rows in place when they lie evenly and nothing has to be
-// replaced, else a packed copy in which missing elements may be replaced by 0.
+// A product operand as BLAS reads it: a packed copy of the rows, with missing elements replaced
+// by 0 when asked. Always a copy, never the rows in place (see AlignedBuffer).
 template <class T>
 struct BlasOperand {
   std::vector<T> packed;
@@ -255,14 +265,6 @@ BlasOperand<T> MakeOperand(const NCDataMatrix<T>& m, bool zeroMissing) {
   op.ld = std::max(1, c);
   if (r == 0 || c == 0) return op;
   const std::vector<const T*> rows = RowStarts(m);
-  if (!zeroMissing) {
-    const int ld = EvenStride(rows.data(), r, c);
-    if (ld > 0) {
-      op.data = rows[0];
-      op.ld = ld;
-      return op;
-    }
-  }
   op.packed.resize(static_cast<std::size_t>(r) * c);
   const Grid grid(r, c);
   ParallelFor(grid.bands, [&](int band) {
@@ -366,13 +368,13 @@ void NCDataMatrix<T>::MultiplyImpl(const NCDataMatrix& b, bool transposeThis, bo
   } else if (m > 0 && n > 0 && k > 0) {
     const BlasOperand<T> a = MakeOperand(*this, missing_ > 0);
     const BlasOperand<T> bb = MakeOperand(b, b.missing_ > 0);
-    mvda::detail::Gemm(transposeThis, transposeOther, m, n, k, a.data, a.ld, bb.data, bb.ld,
-                       c.data(), n);
+    mvda::detail::BlockedGemm(transposeThis, transposeOther, m, n, k, a.data, a.ld, bb.data,
+                              bb.ld, c.data(), n);
     if (skipping && rescale) {
       pairs.assign(c.size(), T(0));
       const BlasOperand<T> pa = MakePresenceOperand(*this), pb = MakePresenceOperand(b);
-      mvda::detail::Gemm(transposeThis, transposeOther, m, n, k, pa.data, pa.ld, pb.data, pb.ld,
-                         pairs.data(), n);
+      mvda::detail::BlockedGemm(transposeThis, transposeOther, m, n, k, pa.data, pa.ld, pb.data,
+                                pb.ld, pairs.data(), n);
     }
   }
   // Rows of op(A) and columns of op(B) that are missing throughout give missing results.
@@ -1009,32 +1011,29 @@ void NCDataMatrix<T>::RegressRowsImpl(const Row& p, const IndexVector* exclude, 
   // Wider rows than one call may take go through the dot product in pieces (group 0).
   const int group = c > 0 ? std::min(64, mvda::detail::kBlasSingleThreadElements / c) : 0;
   const std::size_t step = static_cast<std::size_t>(std::max(group, 1));
+  AlignedBuffer<T> pBuffer;  // p itself, aligned like the rows
+  T* px = pBuffer.Get(static_cast<std::size_t>(c));
+  if (c > 0) std::copy(x, x + c, px);
   ParallelFor(grid.bands, [&](int band) {
     std::vector<int> plain, masked;  // 0-based rows
     for (int i = grid.BandBegin(band); i < grid.BandEnd(band); ++i)
       (fast && row_array_[i + 1].GetNumMisVal() == 0 ? plain : masked).push_back(i);
     // The complete rows: one BLAS matrix-vector product per group small enough to stay on this
-    // thread, read in place where the group's rows lie evenly, else from a packed copy.
+    // thread, from a packed copy of the group in an aligned buffer (see AlignedBuffer).
     std::vector<const T*> starts(step);
-    std::vector<T> packed, dots(step);
+    AlignedBuffer<T> packedBuffer, dotBuffer;
+    T* packed = group > 0 && c > 0 ? packedBuffer.Get(static_cast<std::size_t>(group) * c) : nullptr;
+    T* dots = dotBuffer.Get(step);
     for (std::size_t k = 0; k < plain.size(); k += step) {
       const int count = static_cast<int>(std::min(step, plain.size() - k));
       for (int u = 0; u < count; ++u)
         starts[u] = c > 0 ? row_array_[plain[k + u] + 1].GetVector() + 1 : nullptr;
       if (group == 0 || c == 0) {
         for (int u = 0; u < count; ++u)
-          dots[u] = c > 0 ? static_cast<T>(DotInPieces(c, starts[u], x)) : T(0);
+          dots[u] = c > 0 ? static_cast<T>(DotInPieces(c, starts[u], px)) : T(0);
       } else {
-        int ld = EvenStride(starts.data(), count, c);
-        const T* a = starts[0];
-        if (ld == 0) {
-          packed.resize(static_cast<std::size_t>(group) * c);
-          for (int u = 0; u < count; ++u)
-            std::memcpy(packed.data() + static_cast<std::size_t>(u) * c, starts[u], sizeof(T) * c);
-          a = packed.data();
-          ld = c;
-        }
-        mvda::detail::Gemv(false, count, c, T(1), a, ld, x, T(0), dots.data());
+        PackRows(starts.data(), count, c, packed);
+        mvda::detail::Gemv(false, count, c, T(1), packed, c, px, T(0), dots);
       }
       for (int u = 0; u < count; ++u)
         result[plain[k + u] + 1] =

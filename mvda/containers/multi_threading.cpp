@@ -23,10 +23,13 @@ namespace {
 std::atomic<int> processors{1};
 std::atomic<bool> threading{false};
 
+// The BLAS always runs on one thread: its own threads split sums by their count, which would make
+// the products depend on the thread count, and would compete with the library's threads for the
+// same processors. The library's parallel loops call it from several threads instead.
 void ApplyTeamSize(bool on) {
   const int team = on ? processors.load(std::memory_order_relaxed) : 1;
   omp_set_num_threads(team);
-  mvda::detail::SetBlasThreads(team);
+  mvda::detail::SetBlasThreads(1);
 }
 
 // Reset once when the library is loaded, so that threading is on by default on a machine with

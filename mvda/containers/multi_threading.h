@@ -17,8 +17,9 @@ namespace NCMultiThreading {
 // Two process-wide values: the number of processors the library may use and whether it uses more
 // than one. The host sets them before work starts, not while a computation runs. Reset() runs
 // once when the library is loaded, so threading is on by default on a machine with more than one
-// processor. The values also set the thread count of the BLAS library, so that "off" means one
-// thread in the products too.
+// processor. The BLAS library is kept at one thread whatever the values: the library splits the
+// products between its own threads in pieces fixed by the data sizes, so that results do not
+// depend on the number of threads.
 class MVDA_EXPORT ThreadingControl {
  public:
   ThreadingControl() = delete;

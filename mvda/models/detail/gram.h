@@ -11,7 +11,7 @@
 
 namespace mvda::detail {
 
-// Rows per block of a Gram matrix. Fixed, so that how the sums are cut depends on the data alone.
+// Rows per block of the passes over the data that form scores and residuals.
 inline constexpr int kGramBlockRows = 512;
 
 // The cross products of one set of rows, in double, row-major: xx is K x K (full, symmetric), xy
@@ -23,10 +23,9 @@ struct CrossProducts {
 
 // The cross products of every set of rows (0-based row numbers, any order; an empty list of sets
 // means one set of all rows in order) of x and, when given, y (same row count). x and y must have
-// no missing value: the caller checks. Each block of kGramBlockRows rows of a set is one
-// single-threaded BLAS product in single precision; the blocks run on the library's team, and
-// their sums are added in double in the order of the blocks, so the result is the same bits for
-// any number of threads.
+// no missing value: the caller checks. Formed by BlockedCrossProduct (blocks of rows cut by the
+// sizes alone, single-threaded BLAS per block, block sums added in a fixed order), so the result
+// is the same bits for any number of threads; widened to double for the iterations.
 MVDA_EXPORT std::vector<CrossProducts> FormCrossProducts(
     const NCDataMatrix<float>& x, const NCDataMatrix<float>* y,
     const std::vector<std::vector<int>>& rowSets);

@@ -14,8 +14,6 @@
 #include <utility>
 #include <vector>
 
-#include <cblas.h>
-
 namespace {
 
 constexpr float kMis = -99.0f;
@@ -60,11 +58,6 @@ struct NCPCA::Kernel {
 };
 
 namespace {
-
-// The Gram matrix's own symmetric product, y = G x.
-void GramTimes(const std::vector<double>& g, int k, const double* x, double* y) {
-  cblas_dsymv(CblasRowMajor, CblasUpper, k, 1.0, g.data(), k, x, 1, 0.0, y, 1);
-}
 
 double DotD(int k, const double* x, const double* y) {
   double s = 0;
@@ -311,7 +304,7 @@ bool NCPCA::FitOnGram(NCProgress* progress) {
     double s = 0;
     for (int j = 0; j < k; ++j) s += static_cast<double>(p[j]) * p[j];
     for (int j = 0; j < k; ++j) q[j] = p[j] / s;
-    GramTimes(G, k, q.data(), gq.data());
+    mvda::detail::SymmetricTimes(G, k, q.data(), gq.data());
     length = DotD(k, q.data(), gq.data());
     double change = 0;
     for (int j = 0; j < k; ++j) change += (q[j] - qOld[j]) * (gq[j] - gqOld[j]);
@@ -386,41 +379,12 @@ void NCPCA::Complete(bool residuals) const {
     kn.scored = kn.fitted.size();
   }
   if (!residuals || kn.applied == kn.deflated.size()) return;
-  // E -= t_b p_b' for every pending deflation, in order, row by row in one pass.
   std::vector<const float*> ts, ps;
   for (std::size_t l = kn.applied; l < kn.deflated.size(); ++l) {
     ts.push_back((*tprim_)[kn.deflated[l]].GetVector() + 1);
     ps.push_back((*pprim_)[kn.deflated[l]].GetVector() + 1);
   }
-  Matrix& E = *residuals_;
-  E.Unlink();
-  std::vector<char> marker(static_cast<std::size_t>(n), 0);
-  const int blocks = (n + mvda::detail::kGramBlockRows - 1) / mvda::detail::kGramBlockRows;
-  mvda::detail::ParallelFor(blocks, [&](int b) {
-    const int end = std::min(n, (b + 1) * mvda::detail::kGramBlockRows);
-    for (int i = b * mvda::detail::kGramBlockRows; i < end; ++i) {
-      NCDataVector<float>& row = E(i + 1);
-      row.Unlink();
-      float* e = row.GetVector() + 1;
-      for (std::size_t l = 0; l < ts.size(); ++l) {
-        const float s = -ts[l][i];
-        const float* p = ps[l];
-        for (int j = 0; j < k; ++j) e[j] += s * p[j];
-      }
-      for (int j = 0; j < k; ++j)
-        if (e[j] == kMis) marker[i] = 1;
-    }
-  });
-  // A value that lands exactly on the marker counts as missing, as after every write.
-  for (int i = 0; i < n; ++i)
-    if (marker[i]) {
-      float* e = E(i + 1).GetVector() + 1;
-      for (int j = 0; j < k; ++j)
-        if (e[j] == kMis) {
-          e[j] = 0;
-          E(i + 1, j + 1, kMis);
-        }
-    }
+  mvda::detail::SubtractOuterProducts(*residuals_, ts, ps);
   kn.applied = kn.deflated.size();
 }
 

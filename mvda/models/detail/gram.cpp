@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstring>
+#include <type_traits>
 
 #include <cblas.h>
 
@@ -13,7 +14,45 @@ namespace mvda::detail {
 
 namespace {
 
-std::vector<double> Widened(const std::vector<float>& v) { return {v.begin(), v.end()}; }
+// Up to this many multiply-adds the cross products are formed in double: there they cost little,
+// and the deflated Gram matrices of later components keep more digits.
+constexpr double kDoubleWork = 1 << 25;
+
+template <class T>
+std::vector<double> Product(const T* const* a, int aCols, const T* const* b, int bCols, int rows) {
+  std::vector<T> out(static_cast<std::size_t>(aCols) * (b ? bCols : aCols), T(0));
+  BlockedCrossProduct(a, aCols, b, bCols, rows, out.data());
+  return {out.begin(), out.end()};
+}
+
+// X'X, and X'Y and Y'Y with Y, of the listed rows, in precision T.
+template <class T>
+void Products(const std::vector<const float*>& xs, int k, const std::vector<const float*>& ys,
+              int m, bool withY, CrossProducts& to) {
+  const int n = static_cast<int>(xs.size());
+  std::vector<std::vector<T>> xCopy, yCopy;
+  std::vector<const T*> x(xs.size()), y(withY ? ys.size() : 0);
+  if constexpr (std::is_same_v<T, float>) {
+    x = xs;
+    if (withY) y = ys;
+  } else {
+    xCopy.resize(xs.size());
+    yCopy.resize(y.size());
+    for (int r = 0; r < n; ++r) {
+      xCopy[r].assign(xs[r], xs[r] + k);
+      x[r] = xCopy[r].data();
+      if (withY) {
+        yCopy[r].assign(ys[r], ys[r] + m);
+        y[r] = yCopy[r].data();
+      }
+    }
+  }
+  to.xx = Product<T>(x.data(), k, nullptr, 0, n);
+  if (withY) {
+    to.xy = Product<T>(x.data(), k, y.data(), m, n);
+    to.yy = Product<T>(y.data(), m, nullptr, 0, n);
+  }
+}
 
 }  // namespace
 
@@ -24,32 +63,22 @@ std::vector<CrossProducts> FormCrossProducts(const NCDataMatrix<float>& x,
   const std::size_t sets = rowSets.empty() ? 1 : rowSets.size();
   std::vector<CrossProducts> out(sets);
   std::vector<const float*> xs, ys;
-  std::vector<float> product;
   for (std::size_t s = 0; s < sets; ++s) {
     const int n = rowSets.empty() ? x.SizeRows() : static_cast<int>(rowSets[s].size());
     xs.resize(static_cast<std::size_t>(n));
     ys.resize(static_cast<std::size_t>(n));
     for (int r = 0; r < n; ++r) {
       const int i = rowSets.empty() ? r + 1 : rowSets[s][static_cast<std::size_t>(r)] + 1;
-      xs[static_cast<std::size_t>(r)] = k > 0 ? x[i].GetVector() + 1 : nullptr;
-      if (y) ys[static_cast<std::size_t>(r)] = m > 0 ? (*y)[i].GetVector() + 1 : nullptr;
+      xs[static_cast<std::size_t>(r)] = x[i].GetVector() + 1;
+      if (y) ys[static_cast<std::size_t>(r)] = (*y)[i].GetVector() + 1;
     }
     CrossProducts& to = out[s];
     to.k = k;
     to.m = m;
-    product.assign(static_cast<std::size_t>(k) * k, 0.0f);
-    BlockedCrossProduct(xs.data(), k, static_cast<const float* const*>(nullptr), 0, n,
-                        product.data());
-    to.xx = Widened(product);
-    if (y) {
-      product.assign(static_cast<std::size_t>(k) * m, 0.0f);
-      BlockedCrossProduct(xs.data(), k, ys.data(), m, n, product.data());
-      to.xy = Widened(product);
-      product.assign(static_cast<std::size_t>(m) * m, 0.0f);
-      BlockedCrossProduct(ys.data(), m, static_cast<const float* const*>(nullptr), 0, n,
-                          product.data());
-      to.yy = Widened(product);
-    }
+    if (static_cast<double>(x.SizeRows()) * k * (k + m) <= kDoubleWork)
+      Products<double>(xs, k, ys, m, y != nullptr, to);
+    else
+      Products<float>(xs, k, ys, m, y != nullptr, to);
   }
   return out;
 }
@@ -71,6 +100,43 @@ void RowProducts(const NCDataMatrix<float>& x, const float* v, int q, float* out
     cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, count, q, k, 1.0f, packed.data(), k, v,
                 q, 0.0f, out + static_cast<std::size_t>(first) * q, q);
   });
+}
+
+void SymmetricTimes(const std::vector<double>& g, int k, const double* x, double* y) {
+  cblas_dsymv(CblasRowMajor, CblasUpper, k, 1.0, g.data(), k, x, 1, 0.0, y, 1);
+}
+
+void SubtractOuterProducts(NCDataMatrix<float>& m, const std::vector<const float*>& t,
+                           const std::vector<const float*>& p) {
+  const int n = m.SizeRows(), k = m.SizeColumns();
+  if (n == 0 || k == 0 || t.empty()) return;
+  m.Unlink();
+  std::vector<char> marker(static_cast<std::size_t>(n), 0);
+  const int blocks = (n + kGramBlockRows - 1) / kGramBlockRows;
+  ParallelFor(blocks, [&](int b) {
+    const int end = std::min(n, (b + 1) * kGramBlockRows);
+    for (int i = b * kGramBlockRows; i < end; ++i) {
+      NCDataVector<float>& row = m(i + 1);
+      row.Unlink();
+      float* e = row.GetVector() + 1;
+      for (std::size_t l = 0; l < t.size(); ++l) {
+        const float s = -t[l][i];
+        const float* v = p[l];
+        for (int j = 0; j < k; ++j) e[j] += s * v[j];
+      }
+      for (int j = 0; j < k; ++j)
+        if (e[j] == -99.0f) marker[static_cast<std::size_t>(i)] = 1;
+    }
+  });
+  for (int i = 0; i < n; ++i)
+    if (marker[static_cast<std::size_t>(i)]) {
+      float* e = m(i + 1).GetVector() + 1;
+      for (int j = 0; j < k; ++j)
+        if (e[j] == -99.0f) {
+          e[j] = 0;
+          m(i + 1, j + 1, -99.0f);  // through the counting write
+        }
+    }
 }
 
 }  // namespace mvda::detail

@@ -25,7 +25,9 @@ struct CrossProducts {
 // means one set of all rows in order) of x and, when given, y (same row count). x and y must have
 // no missing value: the caller checks. Formed by BlockedCrossProduct (blocks of rows cut by the
 // sizes alone, single-threaded BLAS per block, block sums added in a fixed order), so the result
-// is the same bits for any number of threads; widened to double for the iterations.
+// is the same bits for any number of threads. Small data (N K (K + M) up to 2^25) are multiplied
+// in double, larger ones in single precision; the results are widened to double for the
+// iterations.
 MVDA_EXPORT std::vector<CrossProducts> FormCrossProducts(
     const NCDataMatrix<float>& x, const NCDataMatrix<float>* y,
     const std::vector<std::vector<int>>& rowSets);
@@ -33,6 +35,15 @@ MVDA_EXPORT std::vector<CrossProducts> FormCrossProducts(
 // out (N x q, row-major) = x (N x K, complete) times v (K x q, row-major): the scores of q
 // directions in one pass over x, by blocks of rows on the library's team.
 MVDA_EXPORT void RowProducts(const NCDataMatrix<float>& x, const float* v, int q, float* out);
+
+// y = G x for a symmetric K x K matrix G (row-major, both halves present).
+void SymmetricTimes(const std::vector<double>& g, int k, const double* x, double* y);
+
+// m (complete) less sum over l of t[l] p[l]' (t[l]: one element per row of m, p[l]: one per
+// column), the terms taken in order of l, row by row in one pass over m on the library's team. A
+// result that lands exactly on the missing marker counts as missing, as after every write.
+void SubtractOuterProducts(NCDataMatrix<float>& m, const std::vector<const float*>& t,
+                           const std::vector<const float*>& p);
 
 }  // namespace mvda::detail
 

@@ -57,16 +57,6 @@ struct NCPCA::Kernel {
   double tt = 0;
 };
 
-namespace {
-
-double DotD(int k, const double* x, const double* y) {
-  double s = 0;
-  for (int j = 0; j < k; ++j) s += x[j] * y[j];
-  return s;
-}
-
-}  // namespace
-
 // ---------------------------------------------------------------------------------------------
 // Construction and sharing
 
@@ -240,18 +230,6 @@ void NCPCA::CalculateResiduals() {
 // ---------------------------------------------------------------------------------------------
 // NIPALS on the Gram matrix
 
-namespace {
-
-// The floored column regression coefficient, as SpecialNipalsRegressColumnsFix forms it for a
-// complete column: a sum of squares below 1e-30 counts as no signal.
-float FixedCoefficient(double a, double b) {
-  const double all = b;
-  if (b < 1e-30) a = b = 0;
-  return static_cast<float>(static_cast<long double>(a) / std::max(b, all / 3));
-}
-
-}  // namespace
-
 // NIPALS (Wold) as NextComponent runs it on E, with every product of E replaced by one of G =
 // E'E: with t = E q, the column regression E't / t't is G q / q'G q, and sum t^2 = q'G q. The
 // start column j of E is t = E e_j.
@@ -282,51 +260,31 @@ bool NCPCA::FitOnGram(NCProgress* progress) {
       }
     }
   }
-  std::vector<double> q(k), gq(k), qOld(k, 0.0), gqOld(k);
-  qOld[index] = 1.0;
-  for (int j = 0; j < k; ++j) gqOld[j] = G[static_cast<std::size_t>(j) * k + index];
-  std::vector<float> p(k);
-  double length = 0;
+  std::vector<double> q0(k, 0.0), v0(k);
+  q0[index] = 1.0;
+  for (int j = 0; j < k; ++j) v0[j] = G[static_cast<std::size_t>(j) * k + index];
+  const double tt0 = G[static_cast<std::size_t>(index) * k + index];
 
   std::shared_ptr<NCProgress> own;
   NCProgress* reporter = progress;
   int count = 0;
-  for (;;) {
-    const double tt = DotD(k, qOld.data(), gqOld.data());
-    double ss = 0;
-    for (int j = 0; j < k; ++j) {
-      p[j] = FixedCoefficient(gqOld[j], tt);
-      ss += static_cast<double>(p[j]) * p[j];
-    }
-    const double norm = std::sqrt(ss);
-    if (norm != 0)
-      for (int j = 0; j < k; ++j) p[j] = static_cast<float>(p[j] / norm);
-    double s = 0;
-    for (int j = 0; j < k; ++j) s += static_cast<double>(p[j]) * p[j];
-    for (int j = 0; j < k; ++j) q[j] = p[j] / s;
-    mvda::detail::SymmetricTimes(G, k, q.data(), gq.data());
-    length = DotD(k, q.data(), gq.data());
-    double change = 0;
-    for (int j = 0; j < k; ++j) change += (q[j] - qOld[j]) * (gq[j] - gqOld[j]);
-    if (!std::isfinite(change) || !std::isfinite(length))
-      throw NCError("PCA component could not be computed.");
-    const double d = length <= 1e-30 ? 1e30 : change / length;
-    const double c = ConvergenceMeasure(d);
-    ++count;
-    if (count == 1) {
-      if (reporter) {
-        reporter->SetRange(-c, 0.0);
-      } else {
-        own = NCProgress::CreateDefault(LanguageString::Format(10041, a), -c, 0.0);
-        reporter = own.get();
-      }
-    } else if (reporter && !reporter->SetValue(-c)) {
-      throw NCError(LanguageString::Get(10147), NCError::kStopRequested);
-    }
-    q.swap(qOld);
-    gq.swap(gqOld);
-    if (c <= 0 || count >= max_iterations_) break;
-  }
+  const mvda::detail::PcaGramFit fit =
+      mvda::detail::FitPcaOnGram(G, k, nullptr, v0, tt0, &q0, max_iterations_, [&](double c) {
+        ++count;
+        if (count == 1) {
+          if (reporter) {
+            reporter->SetRange(-c, 0.0);
+          } else {
+            own = NCProgress::CreateDefault(LanguageString::Format(10041, a), -c, 0.0);
+            reporter = own.get();
+          }
+        } else if (reporter && !reporter->SetValue(-c)) {
+          throw NCError(LanguageString::Get(10147), NCError::kStopRequested);
+        }
+        return true;
+      });
+  if (fit.failed) throw NCError("PCA component could not be computed.");
+  const std::vector<float>& p = fit.p;
   iterations_ = count;
   Vector loading;
   loading.CopyZeroBasedVector(p.data(), k);
@@ -334,8 +292,8 @@ bool NCPCA::FitOnGram(NCProgress* progress) {
   tprim_->InsertRow(a, Vector(rows, kMis));  // formed when read
   kn.fitted.push_back(a);
   kn.levelAt.push_back(static_cast<int>(kn.deflated.size()));
-  kn.gq = gqOld;
-  kn.tt = length;
+  kn.gq = fit.gq;
+  kn.tt = fit.tt;
   return true;
 }
 

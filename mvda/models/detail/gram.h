@@ -7,6 +7,9 @@
 #include <mvda/containers/data_matrix.h>
 #include <mvda/mvda_export.h>
 
+#include <algorithm>
+#include <cmath>
+#include <utility>
 #include <vector>
 
 namespace mvda::detail {
@@ -37,13 +40,92 @@ MVDA_EXPORT std::vector<CrossProducts> FormCrossProducts(
 MVDA_EXPORT void RowProducts(const NCDataMatrix<float>& x, const float* v, int q, float* out);
 
 // y = G x for a symmetric K x K matrix G (row-major, both halves present).
-void SymmetricTimes(const std::vector<double>& g, int k, const double* x, double* y);
+MVDA_EXPORT void SymmetricTimes(const std::vector<double>& g, int k, const double* x, double* y);
 
 // m (complete) less sum over l of t[l] p[l]' (t[l]: one element per row of m, p[l]: one per
 // column), the terms taken in order of l, row by row in one pass over m on the library's team. A
 // result that lands exactly on the missing marker counts as missing, as after every write.
 void SubtractOuterProducts(NCDataMatrix<float>& m, const std::vector<const float*>& t,
                            const std::vector<const float*>& p);
+
+// One PCA component by NIPALS on a Gram matrix G = E'E (K x K), as NCPCA::NextComponent iterates
+// on E: p = the floored column regression E't / t't normalised, t = E p / p'p, until the
+// measure c = 10 (log10 d + 10) of d = sum (t - t_old)^2 / sum t^2 reaches 0 or maxIterations
+// are spent. Scores are carried as t = E q. The start t_0 enters through v0 = E't_0 and
+// tt0 = t_0't_0, and through q0 when t_0 = E q0 (then the first change is formed as dq'G dq,
+// free of cancellation; else as q'G q - 2 q'v0 + tt0). Variables with keep[j] == 0 take no part
+// (their loading is 0 here; the caller marks it missing). measure(c) is called after every
+// iteration and may stop the fit by returning false. failed: a change or length that is not
+// finite (the fit then stops).
+struct PcaGramFit {
+  std::vector<float> p;       // the last loading, of unit length
+  std::vector<double> q, gq;  // its t = E q, and G q = E't
+  double tt = 0;              // t't
+  int iterations = 0;
+  bool failed = false;
+};
+template <class Measure>
+PcaGramFit FitPcaOnGram(const std::vector<double>& g, int k, const std::vector<char>* keep,
+                        const std::vector<double>& v0, double tt0, const std::vector<double>* q0,
+                        int maxIterations, Measure&& measure);
+
+// The floored column regression coefficient of SpecialNipalsRegressColumnsFix for a complete
+// column: a sum of squares b below 1e-30 counts as no signal.
+inline float FixedCoefficient(double a, double b) {
+  const double all = b;
+  if (b < 1e-30) a = b = 0;
+  return static_cast<float>(static_cast<long double>(a) / std::max(b, all / 3));
+}
+
+template <class Measure>
+PcaGramFit FitPcaOnGram(const std::vector<double>& g, int k, const std::vector<char>* keep,
+                        const std::vector<double>& v0, double tt0, const std::vector<double>* q0,
+                        int maxIterations, Measure&& measure) {
+  PcaGramFit fit;
+  fit.p.assign(static_cast<std::size_t>(k), 0.0f);
+  std::vector<double> q(k), gq(k), qOld(k, 0.0), gqOld = v0;
+  if (q0) qOld = *q0;
+  double tt = tt0;
+  const auto in = [&](int j) { return !keep || (*keep)[static_cast<std::size_t>(j)]; };
+  for (;;) {
+    double ss = 0;
+    for (int j = 0; j < k; ++j) {
+      fit.p[j] = in(j) ? FixedCoefficient(gqOld[j], tt) : 0.0f;
+      ss += static_cast<double>(fit.p[j]) * fit.p[j];
+    }
+    const double norm = std::sqrt(ss);
+    if (norm != 0)
+      for (int j = 0; j < k; ++j) fit.p[j] = static_cast<float>(fit.p[j] / norm);
+    double s = 0;
+    for (int j = 0; j < k; ++j) s += static_cast<double>(fit.p[j]) * fit.p[j];
+    for (int j = 0; j < k; ++j) q[j] = fit.p[j] / s;
+    SymmetricTimes(g, k, q.data(), gq.data());
+    double length = 0, change = 0;
+    for (int j = 0; j < k; ++j) length += q[j] * gq[j];
+    if (fit.iterations == 0 && !q0) {
+      double cross = 0;
+      for (int j = 0; j < k; ++j) cross += q[j] * v0[j];
+      change = length - 2 * cross + tt0;
+    } else {
+      for (int j = 0; j < k; ++j) change += (q[j] - qOld[j]) * (gq[j] - gqOld[j]);
+    }
+    ++fit.iterations;
+    q.swap(qOld);
+    gq.swap(gqOld);
+    tt = length;
+    if (!std::isfinite(change) || !std::isfinite(length)) {
+      fit.failed = true;
+      break;
+    }
+    const double d = length <= 1e-30 ? 1e30 : change / length;
+    const double c = d > 1e-30 ? 10 * (std::log10(d) + 10) : -1.0;
+    if (!measure(c) || c <= 0 || fit.iterations >= maxIterations) break;
+  }
+  fit.q = std::move(qOld);
+  fit.gq = std::move(gqOld);
+  fit.tt = tt;
+  return fit;
+}
 
 }  // namespace mvda::detail
 

@@ -344,34 +344,6 @@ void NCPLS::ShuffleYResiduals(const int* permutation) {
 // ---------------------------------------------------------------------------------------------
 // NIPALS on the cross products
 
-namespace {
-
-// A plain regression coefficient as RegressColumns and RegressRows form it for complete data: a
-// sum of squares below 1e-30 counts as no signal, which gives 0/0.
-double Coefficient(double a, double b) {
-  if (b < 1e-30) a = b = 0;
-  return a / b;
-}
-
-// NCDataVector::Difference of two Y scores u = Y g and u_old = Y g_old: sum (u - u_old)^2 /
-// sum u^2, -99 when not finite, 1e30 for a u of practically no length.
-double ScoreChange(const std::vector<double>& yy, const std::vector<double>& g,
-                   const std::vector<double>& old) {
-  const int m = static_cast<int>(g.size());
-  double change = 0, length = 0;
-  for (int j = 0; j < m; ++j)
-    for (int l = 0; l < m; ++l) {
-      const double y = yy[static_cast<std::size_t>(j) * m + l];
-      change += (g[j] - old[j]) * y * (g[l] - old[l]);
-      length += g[j] * y * g[l];
-    }
-  if (!std::isfinite(change) || !std::isfinite(length)) return kMis;
-  if (length <= 1e-30) return 1e30;
-  return change / length;
-}
-
-}  // namespace
-
 // NIPALS PLS as NextComponent runs it on X and Y, with t = X q (q = w / w'w) and u = Y g
 // (g = c / c'c) kept as their coefficient vectors q and g: X'u = X'Y g, u'u = g'Y'Y g,
 // Y't = (X'Y)'q, t't = q'X'X q, and X't = X'X q.
@@ -396,103 +368,38 @@ void NCPLS::FitOnGram(NCProgress* progress, const Vector* startWeights, bool qui
   double traceX = 0;
   for (int j = 0; j < k; ++j) traceX += XX[static_cast<std::size_t>(j) * k + j];
   const double rootSSX = strict ? std::sqrt(traceX) : 0.0;
-  const double smallest = 1e-6 / std::sqrt(static_cast<double>(k));
 
-  std::vector<float> w(k), c(m);
-  std::vector<double> q(k), gq(k), g(m, 0.0), gOld(m), xu(k), ytq(m);
-  // t = X q: its Y weights c = Y't / t't (floats, as stored) and its u = Y c / c'c.
-  double tt = 0;
-  const auto yWeights = [&] {
-    mvda::detail::SymmetricTimes(XX, k, q.data(), gq.data());
-    tt = 0;
-    for (int j = 0; j < k; ++j) tt += q[j] * gq[j];
-    for (int l = 0; l < m; ++l) {
-      double s = 0;
-      for (int j = 0; j < k; ++j) s += XY[static_cast<std::size_t>(j) * m + l] * q[j];
-      c[l] = static_cast<float>(Coefficient(s, tt));
-    }
-    double cc = 0;
-    for (int l = 0; l < m; ++l) cc += static_cast<double>(c[l]) * c[l];
-    for (int l = 0; l < m; ++l) g[l] = Coefficient(c[l], cc);
-  };
-  if (startWeights) {
-    const float* w0 = startWeights->GetVector() + 1;
-    double ww = 0;
-    for (int j = 0; j < k; ++j) ww += static_cast<double>(w0[j]) * w0[j];
-    for (int j = 0; j < k; ++j) q[j] = Coefficient(w0[j], ww);
-    yWeights();
-  } else {
-    // The Y column of largest sum of squares, as GetNIPALSStartColumn picks it.
-    int index = 0;
-    if (m > 1) {
-      double best = 0;
-      for (int l = 0; l < m; ++l) {
-        const double ss = YY[static_cast<std::size_t>(l) * m + l];
-        if (ss > best * 1.000001) {
-          best = ss;
-          index = l;
-        }
-      }
-    }
-    g[index] = 1.0;
-  }
-
-  std::shared_ptr<NCProgress> own;
+  std::shared_ptr<NCProgress> own;  // the call's own reporter, released on every path
   NCProgress* shown = nullptr;
   int iteration = 0;
-  double value = 0.0;
-  do {
-    gOld = g;
-    double uu = 0;
-    for (int j = 0; j < m; ++j)
-      for (int l = 0; l < m; ++l) uu += g[j] * YY[static_cast<std::size_t>(j) * m + l] * g[l];
-    double ss = 0;
-    for (int j = 0; j < k; ++j) {
-      double s = 0;
-      for (int l = 0; l < m; ++l) s += XY[static_cast<std::size_t>(j) * m + l] * g[l];
-      w[j] = static_cast<float>(Coefficient(s, uu));
-      ss += static_cast<double>(w[j]) * w[j];
-    }
-    if (strict) {
-      const double size = std::sqrt(ss) * std::sqrt(uu) / rootSSX;
-      if (!(std::isnormal(size) && size >= smallest)) throw NCPLSDegenerateError(components_ + 1);
-    }
-    const double norm = std::sqrt(ss);
-    if (norm != 0)
-      for (int j = 0; j < k; ++j) w[j] = static_cast<float>(w[j] / norm);
-    double ww = 0;
-    for (int j = 0; j < k; ++j) ww += static_cast<double>(w[j]) * w[j];
-    for (int j = 0; j < k; ++j) q[j] = Coefficient(w[j], ww);
-    yWeights();
-    ++iteration;
-    value = m > 1 ? ConvergenceValue(ScoreChange(YY, g, gOld)) : 0.0;
-
-    if (!quiet) {
-      if (iteration == 1) {
-        const double from = value == 0.0 ? 1.0 : -value;
-        if (progress) {
-          progress->SetRange(from, 0.0);
-          shown = progress;
-        } else {
-          own =
-              NCProgress::CreateDefault(LanguageString::Format(10047, components_ + 1), from, 0.0);
-          shown = own.get();
+  mvda::detail::PlsGramFit fit = mvda::detail::FitPlsOnGram(
+      XX, XY, YY, k, m, startWeights ? startWeights->GetVector() + 1 : nullptr, max_iterations_,
+      strict, rootSSX, [&](double value) {
+        ++iteration;
+        if (quiet) return;
+        if (iteration == 1) {
+          const double from = value == 0.0 ? 1.0 : -value;
+          if (progress) {
+            progress->SetRange(from, 0.0);
+            shown = progress;
+          } else {
+            own = NCProgress::CreateDefault(LanguageString::Format(10047, components_ + 1), from,
+                                            0.0);
+            shown = own.get();
+          }
         }
-      }
-      if (strict && shown && !shown->SetValue(-value))
-        throw NCError(LanguageString::Get(10160), NCError::kStopRequested);
-    }
-  } while (value > 0.0 && iteration < max_iterations_);
+        if (strict && shown && !shown->SetValue(-value))
+          throw NCError(LanguageString::Get(10160), NCError::kStopRequested);
+      });
+  if (fit.degenerate) throw NCPLSDegenerateError(components_ + 1);
 
   if (strict && shown && shown->IsBreakPressed())
     throw NCError(LanguageString::Get(10161), NCError::kUserStop);
 
-  std::vector<float> p(k);
-  for (int j = 0; j < k; ++j) p[j] = static_cast<float>(Coefficient(gq[j], tt));
   Vector wv, pv, cv;
-  wv.CopyZeroBasedVector(w.data(), k);
-  pv.CopyZeroBasedVector(p.data(), k);
-  cv.CopyZeroBasedVector(c.data(), m);
+  wv.CopyZeroBasedVector(fit.w.data(), k);
+  pv.CopyZeroBasedVector(fit.p.data(), k);
+  cv.CopyZeroBasedVector(fit.c.data(), m);
   const Vector later(n, kMis);  // t and u, formed when read
   Matrix grown[] = {*wprim_, *pprim_, *tprim_, *uprim_, *cprim_};
   const Vector* rows[] = {&wv, &pv, &later, &later, &cv};
@@ -503,11 +410,11 @@ void NCPLS::FitOnGram(NCProgress* progress, const Vector* startWeights, bool qui
   kn.g.reserve(kn.g.size() + 1);
   for (int i = 0; i < 5; ++i) targets[i]->swap(grown[i]);
   ++components_;
-  iterations_ = iteration;
+  iterations_ = fit.iterations;
   kn.fitted.push_back(components_);
   kn.levelAt.push_back(static_cast<int>(kn.deflated.size()));
-  kn.g.push_back(g);
-  kn.tt = tt;
+  kn.g.push_back(std::move(fit.g));
+  kn.tt = fit.tt;
 }
 
 // t_a = X_a q_a and u_a = Y_a g_a, with X_a, Y_a the data less t_b p_b' and t_b c_b' of the

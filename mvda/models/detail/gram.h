@@ -127,6 +127,129 @@ PcaGramFit FitPcaOnGram(const std::vector<double>& g, int k, const std::vector<c
   return fit;
 }
 
+// One PLS component by NIPALS on the cross products XX = X'X (K x K), XY = X'Y (K x M) and
+// YY = Y'Y (M x M), as NCPLS::NextComponent iterates on X and Y, with t = X q (q = w / w'w) and
+// u = Y g (g = c / c'c): X'u = XY g, u'u = g'YY g, Y't = XY'q, t't = q'XX q, X't = XX q. The
+// start: with start weights (K floats, complete) the Y scores their X scores predict, else the
+// Y column of largest sum of squares. value(v) is called after every iteration with the
+// convergence value (0 for one Y column). With strict, the size test sqrt(w'w) sqrt(u'u) / rootSSX
+// (rootSSX = sqrt(SS(X))) is made before each normalisation; a degenerate component stops the fit
+// at once.
+struct PlsGramFit {
+  std::vector<float> w, c, p;  // the last weights and Y weights, and p = X't / t't
+  std::vector<double> q, g;    // t = X q, u = Y g
+  double tt = 0;               // t't
+  int iterations = 0;
+  bool degenerate = false;
+};
+
+// A plain regression coefficient as RegressColumns and RegressRows form it for complete data: a
+// sum of squares below 1e-30 counts as no signal, which gives 0/0.
+inline double PlainCoefficient(double a, double b) {
+  if (b < 1e-30) a = b = 0;
+  return a / b;
+}
+
+// NCDataVector::Difference of u = Y g and u_old = Y old: sum (u - u_old)^2 / sum u^2, -99 when not
+// finite, 1e30 for a u of practically no length.
+inline double ScoreChange(const std::vector<double>& yy, const std::vector<double>& g,
+                          const std::vector<double>& old) {
+  const int m = static_cast<int>(g.size());
+  double change = 0, length = 0;
+  for (int j = 0; j < m; ++j)
+    for (int l = 0; l < m; ++l) {
+      const double y = yy[static_cast<std::size_t>(j) * m + l];
+      change += (g[j] - old[j]) * y * (g[l] - old[l]);
+      length += g[j] * y * g[l];
+    }
+  if (!std::isfinite(change) || !std::isfinite(length)) return -99.0;
+  if (length <= 1e-30) return 1e30;
+  return change / length;
+}
+
+template <class Value>
+PlsGramFit FitPlsOnGram(const std::vector<double>& XX, const std::vector<double>& XY,
+                        const std::vector<double>& YY, int k, int m, const float* startWeights,
+                        int maxIterations, bool strict, double rootSSX, Value&& value) {
+  PlsGramFit fit;
+  std::vector<float>&w = fit.w, &c = fit.c;
+  w.assign(static_cast<std::size_t>(k), 0.0f);
+  c.assign(static_cast<std::size_t>(m), 0.0f);
+  std::vector<double> q(k), gq(k), g(m, 0.0), gOld(m);
+  double tt = 0;
+  const auto yWeights = [&] {  // from q: t't, c = Y't / t't, g = c / c'c
+    SymmetricTimes(XX, k, q.data(), gq.data());
+    tt = 0;
+    for (int j = 0; j < k; ++j) tt += q[j] * gq[j];
+    for (int l = 0; l < m; ++l) {
+      double s = 0;
+      for (int j = 0; j < k; ++j) s += XY[static_cast<std::size_t>(j) * m + l] * q[j];
+      c[l] = static_cast<float>(PlainCoefficient(s, tt));
+    }
+    double cc = 0;
+    for (int l = 0; l < m; ++l) cc += static_cast<double>(c[l]) * c[l];
+    for (int l = 0; l < m; ++l) g[l] = PlainCoefficient(c[l], cc);
+  };
+  if (startWeights) {
+    double ww = 0;
+    for (int j = 0; j < k; ++j) ww += static_cast<double>(startWeights[j]) * startWeights[j];
+    for (int j = 0; j < k; ++j) q[j] = PlainCoefficient(startWeights[j], ww);
+    yWeights();
+  } else {
+    int index = 0;  // as GetNIPALSStartColumn picks it
+    if (m > 1) {
+      double best = 0;
+      for (int l = 0; l < m; ++l) {
+        const double ss = YY[static_cast<std::size_t>(l) * m + l];
+        if (ss > best * 1.000001) {
+          best = ss;
+          index = l;
+        }
+      }
+    }
+    g[index] = 1.0;
+  }
+  const double smallest = 1e-6 / std::sqrt(static_cast<double>(k));
+  double v = 0;
+  do {
+    gOld = g;
+    double uu = 0;
+    for (int j = 0; j < m; ++j)
+      for (int l = 0; l < m; ++l) uu += g[j] * YY[static_cast<std::size_t>(j) * m + l] * g[l];
+    double ss = 0;
+    for (int j = 0; j < k; ++j) {
+      double s = 0;
+      for (int l = 0; l < m; ++l) s += XY[static_cast<std::size_t>(j) * m + l] * g[l];
+      w[j] = static_cast<float>(PlainCoefficient(s, uu));
+      ss += static_cast<double>(w[j]) * w[j];
+    }
+    if (strict) {
+      const double size = std::sqrt(ss) * std::sqrt(uu) / rootSSX;
+      if (!(std::isnormal(size) && size >= smallest)) {
+        fit.degenerate = true;
+        return fit;
+      }
+    }
+    const double norm = std::sqrt(ss);
+    if (norm != 0)
+      for (int j = 0; j < k; ++j) w[j] = static_cast<float>(w[j] / norm);
+    double ww = 0;
+    for (int j = 0; j < k; ++j) ww += static_cast<double>(w[j]) * w[j];
+    for (int j = 0; j < k; ++j) q[j] = PlainCoefficient(w[j], ww);
+    yWeights();
+    ++fit.iterations;
+    const double d = m > 1 ? ScoreChange(YY, g, gOld) : 0.0;
+    v = m > 1 ? (d >= 1e-30 ? 10.0 * (std::log10(d) + 10.0) : -1.0) : 0.0;
+    value(v);
+  } while (v > 0.0 && fit.iterations < maxIterations);
+  fit.p.resize(static_cast<std::size_t>(k));
+  for (int j = 0; j < k; ++j) fit.p[j] = static_cast<float>(PlainCoefficient(gq[j], tt));
+  fit.q = std::move(q);
+  fit.g = std::move(g);
+  fit.tt = tt;
+  return fit;
+}
+
 }  // namespace mvda::detail
 
 #endif  // MVDA_MODELS_DETAIL_GRAM_H_

@@ -225,8 +225,8 @@ PcaGroupFits FitPcaGroups(const NCDataMatrix<float>& E, const Vector& p, const V
                           const Groups& observationGroups, const Groups& variableGroups, int groups,
                           int limit, bool gram) {
   const int rows = E.SizeRows(), cols = E.SizeColumns();
-  if (gram && E.GetNumMisVal() == 0 && p.GetNumMisVal() == 0 && t.GetNumMisVal() == 0 && rows >= cols &&
-      rows > 1)
+  if (gram && E.GetNumMisVal() == 0 && p.GetNumMisVal() == 0 && t.GetNumMisVal() == 0 &&
+      rows >= cols && rows > 1)
     return FitOnGram(E, p, t, observationGroups, variableGroups, groups, limit);
   const BatchedRegressions x(E);
   PcaGroupFits fits;

@@ -121,8 +121,9 @@ TEST(PcaGram, AgreesWithTheFitOnTheData) {
     ExpectPcaPathsAgree(LatentMatrix(200, 50, 11), 5);
   }
   {
-    SCOPED_TRACE("1500 x 120, more rows than one block");
-    ExpectPcaPathsAgree(LatentMatrix(1500, 120, 5, 8, 0.8, 0.2), 6);
+    // N K^2 above 2^25: the Gram matrix is formed in single precision, in two waves of blocks.
+    SCOPED_TRACE("2600 x 120, single precision");
+    ExpectPcaPathsAgree(LatentMatrix(2600, 120, 5, 8, 0.8, 0.2), 6);
   }
   {
     SCOPED_TRACE("square");
@@ -213,7 +214,7 @@ TEST(PcaGram, SameBitsForAnyTeam) {
   const int processors = ThreadingControl::GetNumberOfProcessors();
   const bool on = ThreadingControl::IsThreadingOn();
   omp_set_dynamic(0);
-  const Matrix x = LatentMatrix(2100, 40, 8);
+  const Matrix x = LatentMatrix(2600, 120, 8);  // single precision, two waves of blocks
   const auto fit = [&] {
     NCPCA model(&x, 500);
     for (int a = 1; a <= 3; ++a) {
@@ -285,7 +286,7 @@ void ExpectPlsPathsAgree(const Matrix& x, const Matrix& y, int components, bool 
 }
 
 TEST(PlsGram, AgreesWithTheFitOnTheData) {
-  const Matrix small = LatentMatrix(200, 50, 11), large = LatentMatrix(1500, 120, 5, 8, 0.8, 0.2);
+  const Matrix small = LatentMatrix(200, 50, 11), large = LatentMatrix(2600, 120, 5, 8, 0.8, 0.2);
   {
     SCOPED_TRACE("200 x 50, three responses");
     ExpectPlsPathsAgree(small, ResponsesOf(small, 3, 1), 4, false);
@@ -299,7 +300,7 @@ TEST(PlsGram, AgreesWithTheFitOnTheData) {
     ExpectPlsPathsAgree(small, ResponsesOf(small, 2, 3), 3, true);
   }
   {
-    SCOPED_TRACE("1500 x 120, four responses");
+    SCOPED_TRACE("2600 x 120, four responses, single precision");
     ExpectPlsPathsAgree(large, ResponsesOf(large, 4, 4), 5, false);
   }
 }

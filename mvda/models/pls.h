@@ -55,8 +55,20 @@ class MVDA_EXPORT NCPLSDegenerateError : public NCError {
 // through one shows in the other's matrices, while each keeps its own counters. The matrices are
 // held by shared ownership, so either may be destroyed first and the other stays usable.
 //
-// Float only. Thread-safety: one model is never used by two threads at once; distinct models
-// (score estimation runs one per observation on several threads) share nothing mutable.
+// Complete data: while X and Y have no missing value and X has at least as many rows as columns,
+// the NIPALS iterations run on the cross products X'X, X'Y and Y'Y instead of on X and Y: with
+// t = X q and u = Y g, every regression of the iteration is a product of those (X'u = X'Y g,
+// Y't = (X'Y)' q, t't = q'X'X q, and the convergence test sum (u - u_old)^2 = dg' Y'Y dg). These
+// are the same iterations with the same start, test and stopping rule, so the components and
+// iteration counts agree with the iterations on X and Y to float precision, and one pass over the
+// data serves every component. Deflation updates the cross products; the scores T and U and the
+// residuals are formed when first read, every pending component in one product. Read them
+// through their accessors, which complete that work. SetGramIterations(false) keeps every fit on
+// X and Y.
+//
+// Float only. Thread-safety: one model is never used by two threads at once, reads included;
+// distinct models (score estimation runs one per observation on several threads) share nothing
+// mutable.
 class MVDA_EXPORT NCPLS : public virtual UStreamBase {
  public:
   using Matrix = NCDataMatrix<float>;
@@ -134,10 +146,18 @@ class MVDA_EXPORT NCPLS : public virtual UStreamBase {
   const Matrix* GetCprim() const { return cprim_.get(); }
   const Matrix* GetPprim() const { return pprim_.get(); }
   const Matrix* GetWprim() const { return wprim_.get(); }
-  const Matrix* GetUprim() const { return uprim_.get(); }
-  const Matrix* GetTprim() const { return tprim_.get(); }
-  const Matrix* GetXResiduals() const { return x_residuals_.get(); }
-  const Matrix* GetYResiduals() const { return y_residuals_.get(); }
+  const Matrix* GetUprim() const;  // these four complete the deferred work first
+  const Matrix* GetTprim() const;
+  const Matrix* GetXResiduals() const;
+  const Matrix* GetYResiduals() const;
+
+  // Whether fits of complete data may iterate on the cross products (true, the default) or always
+  // on X and Y (false: the fallback a host can force). Switching off completes the deferred work.
+  // Per model object; copies take the setting along.
+  void SetGramIterations(bool on);
+  bool GetGramIterations() const { return gram_iterations_; }
+  // Whether the last fit ran on the cross products and its deferred work stands.
+  bool IsFittingOnGram() const;
 
   // --- Stream: record "NCPLS" version 2, a directory of 9 entries: 0 Cprim, 1 Pprim, 2 Wprim,
   // 3 Uprim, 4 Tprim, 5 XResiduals, 6 YResiduals (each a whole NCDataMatrix<float> object), 7 the
@@ -154,7 +174,15 @@ class MVDA_EXPORT NCPLS : public virtual UStreamBase {
   bool UStreamableRead(std::istream& is) override;  // ReadStreamDirectory(is)
 
  private:
+  struct Kernel;  // the cross products and the deferred work, shared by copies (pls.cpp)
   bool ReadStreamDirectory(std::istream& is);
+  void FitOnGram(NCProgress* progress, const Vector* startWeights, bool quiet, bool strict);
+  void Complete(bool residuals) const;  // forms the deferred scores (and residuals)
+  void LeaveGram() const;               // completes, and the next fit starts afresh
+  void DropGram() const;                // forgets the deferred work, for matrices being replaced
+
+  std::shared_ptr<Kernel> kernel_;
+  bool gram_iterations_ = true;
 
   std::shared_ptr<Matrix> cprim_;
   std::shared_ptr<Matrix> pprim_;

@@ -34,6 +34,7 @@ bool NCPLS::UStreamableStartWrite(std::ostream& os) const {
 }
 
 bool NCPLS::UStreamableWrite(std::ostream& os) const {
+  Complete(true);
   OutputStreamDirectory dir(os, kEntries);
   const Matrix* const parts[] = {cprim_.get(), pprim_.get(),       wprim_.get(),      uprim_.get(),
                                  tprim_.get(), x_residuals_.get(), y_residuals_.get()};
@@ -69,6 +70,7 @@ bool NCPLS::ReadStreamDirectory(std::istream& is) {
   Matrix &c = parts[0], &p = parts[1], &w = parts[2], &u = parts[3], &t = parts[4], &x = parts[5],
          &y = parts[6];
   if (!mvda::detail::CheckPlsParts(x, y, c, p, w, u, t).empty()) return false;
+  DropGram();  // the deferred work belonged to the matrices being replaced
   *cprim_ = c;
   *pprim_ = p;
   *wprim_ = w;

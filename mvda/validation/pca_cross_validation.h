@@ -61,7 +61,10 @@ class MVDA_EXPORT PCACrossValidation {
   // The loading fit starts from the row regression of the training rows on p, the score fit from
   // t. All 2G fits iterate together on one copy of E, each stopping on its own, so that one pass
   // over E serves every group; their sums are formed by BLAS in single precision, and the fits
-  // agree with those NCPCA makes on the same starts to rounding, not to the bit. p(-g) is turned to
+  // agree with those NCPCA makes on the same starts to rounding, not to the bit. Complete residuals
+  // with at least as many rows as columns are fitted on Gram matrices instead, as the model fits
+  // them (the one without an observation group is the whole less the group's own), unless the
+  // model's SetGramIterations(false) keeps its fits on the data. p(-g) is turned to
   // agree with p; t(-g) is scaled by s = sqrt(K / (K - n_g)) (n_g the variables of group g) with
   // the sign that makes it agree with t, since it was fitted on fewer variables.
   //

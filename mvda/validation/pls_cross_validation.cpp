@@ -219,8 +219,8 @@ void PLSCrossValidation::NextComponent(const Vector* w, int maxIterations,
     shown = own.get();
   }
 
-  const std::vector<GroupFit> fits =
-      mvda::detail::FitPlsGroups(x, y, *w, group_ids_, groups_, maxIterations);
+  const std::vector<GroupFit> fits = mvda::detail::FitPlsGroups(
+      x, y, *w, group_ids_, groups_, maxIterations, model_->GetGramIterations());
 
   // Each observation scored by the sub-model that left it out, as NCPLSPred(its group's X, W, P,
   // C, 0.9999) scores it with one component: the floored regression of the row on w. Where the

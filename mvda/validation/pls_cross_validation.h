@@ -32,7 +32,10 @@ class NCProgress;
 // column and in total, for this component and cumulated over the components so far. The
 // sub-models of all groups are fitted in lockstep, each NIPALS step of every group from one pass
 // over the X residuals; they agree with separate NCPLS fits of the training rows to float
-// rounding, and each stops at its own iteration.
+// rounding, and each stops at its own iteration. Complete residuals with at least as many rows as
+// X columns are fitted on cross products instead, as the model fits them (those without a group
+// are the whole less the group's own), unless the model's SetGramIterations(false) keeps its fits
+// on the data.
 //
 // The W, C, P and T sets hold one row per group for the latest component, sign-aligned with the
 // full model's w; TPred holds each observation's score from the sub-model that left it out, in

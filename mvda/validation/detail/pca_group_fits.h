@@ -42,12 +42,15 @@ struct PcaGroupFits {
 // The results are those of NCPCA fits on a training matrix (NextComponent(.., nullptr, 0, &start))
 // and on E (NextComponent(.., &variableGroups, g, &t)) to float rounding: the sums are formed in
 // another order. A fit that fails stops there (failed set); the others go on. Codes run 0..G-1,
-// and no observation group holds every row. Thread-safety: reads its arguments only; the products
-// use BLAS's own threads.
+// and no observation group holds every row. With gram, complete residuals with at least as many
+// rows as columns are fitted on Gram matrices instead (the Gram matrix without a group is the whole
+// one less the group's own), with the same iterations to float precision. Thread-safety: reads its
+// arguments only; the products run on the library's team with the same bits for any team size.
 PcaGroupFits FitPcaGroups(const NCDataMatrix<float>& E, const NCDataVector<float>& p,
                           const NCDataVector<float>& t,
                           const NCIntegralVector<int, -99>& observationGroups,
-                          const NCIntegralVector<int, -99>& variableGroups, int groups, int limit);
+                          const NCIntegralVector<int, -99>& variableGroups, int groups, int limit,
+                          bool gram);
 
 }  // namespace mvda::detail
 

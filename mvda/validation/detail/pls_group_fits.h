@@ -37,13 +37,15 @@ struct PlsGroupFit {
 // after maxIterations iterations at the latest, as NCPLS(trainX, trainY, maxIterations)
 // .NextComponent(reporter, &w, false, false) fits it. The results agree with those fits to float
 // rounding: the sums of X and Y are formed by BatchedRegressions, in single precision and in
-// another order. Each group keeps its own iteration count. No group may hold every row.
-// Thread-safety: reads its arguments only; the products run on the library's threads and give the
-// same bits for any number of them.
+// another order. Each group keeps its own iteration count. No group may hold every row. With gram,
+// complete X, Y and w with at least as many rows as X columns are fitted on cross products instead
+// (those without a group are the whole less the group's own), with the same iterations to float
+// precision. Thread-safety: reads its arguments only; the products run on the library's threads
+// and give the same bits for any number of them.
 std::vector<PlsGroupFit> FitPlsGroups(const NCDataMatrix<float>& x, const NCDataMatrix<float>& y,
                                       const NCDataVector<float>& w,
                                       const NCIntegralVector<int, -99>& groupIds, int groups,
-                                      int maxIterations);
+                                      int maxIterations, bool gram);
 
 }  // namespace mvda::detail
 

@@ -1,0 +1,191 @@
+// FormCrossProducts and RowProducts: blocked BLAS products over the rows of complete matrices.
+#include <mvda/containers/detail/blocked_products.h>
+#include <mvda/containers/detail/parallel_for.h>
+#include <mvda/models/detail/gram.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <cstring>
+#include <type_traits>
+
+#include <cblas.h>
+
+namespace mvda::detail {
+
+namespace {
+
+// Up to this many multiply-adds the cross products are formed in double: there they cost little,
+// and the deflated Gram matrices of later components keep more digits.
+constexpr double kDoubleWork = 1 << 25;
+
+// X'X of the listed rows in single precision: blocks of kGramBlockRows rows (fixed, so the cut
+// depends on the data alone), each packed and multiplied by one single-threaded ssyrk, which does
+// half the work of a general product; kWave blocks at a time on the library's team, their sums
+// added in double in block order. The same bits for any team. Measured on 10000 x 500: about 1.5
+// times one ssyrk of the whole, against 2.5 times for BlockedCrossProduct, whose bands recopy
+// the columns and run general products.
+constexpr int kWave = 4;
+
+std::vector<double> GramBySyrk(const float* const* rows, int k, int n) {
+  const std::size_t kk = static_cast<std::size_t>(k) * k;
+  std::vector<double> sum(kk, 0.0);
+  if (k == 0) return sum;
+  const int blocks = (n + kGramBlockRows - 1) / kGramBlockRows;
+  struct Slot {
+    std::vector<float> packed, product;
+  };
+  std::vector<Slot> slots(kWave);
+  for (int wave = 0; wave < blocks; wave += kWave) {
+    const int width = std::min(kWave, blocks - wave);
+    ParallelFor(width, [&](int w) {
+      const int first = (wave + w) * kGramBlockRows, count = std::min(kGramBlockRows, n - first);
+      Slot& slot = slots[static_cast<std::size_t>(w)];
+      slot.packed.resize(static_cast<std::size_t>(count) * k);
+      for (int r = 0; r < count; ++r)
+        std::memcpy(slot.packed.data() + static_cast<std::size_t>(r) * k, rows[first + r],
+                    sizeof(float) * k);
+      slot.product.resize(kk);
+      cblas_ssyrk(CblasRowMajor, CblasUpper, CblasTrans, k, count, 1.0f, slot.packed.data(), k,
+                  0.0f, slot.product.data(), k);
+    });
+    // Rows of the sum are independent; each adds the wave's blocks in block order.
+    ParallelFor((k + 63) / 64, [&](int band) {
+      for (int j = band * 64; j < std::min(k, band * 64 + 64); ++j)
+        for (int w = 0; w < width; ++w) {
+          const float* from =
+              slots[static_cast<std::size_t>(w)].product.data() + static_cast<std::size_t>(j) * k;
+          double* to = sum.data() + static_cast<std::size_t>(j) * k;
+          for (int l = j; l < k; ++l) to[l] += from[l];
+        }
+    });
+  }
+  for (int j = 0; j < k; ++j)
+    for (int l = 0; l < j; ++l)
+      sum[static_cast<std::size_t>(j) * k + l] = sum[static_cast<std::size_t>(l) * k + j];
+  return sum;
+}
+
+template <class T>
+std::vector<double> Product(const T* const* a, int aCols, const T* const* b, int bCols, int rows) {
+  if constexpr (std::is_same_v<T, float>)
+    if (!b) return GramBySyrk(a, aCols, rows);
+  std::vector<T> out(static_cast<std::size_t>(aCols) * (b ? bCols : aCols), T(0));
+  BlockedCrossProduct(a, aCols, b, bCols, rows, out.data());
+  return {out.begin(), out.end()};
+}
+
+// X'X, and X'Y and Y'Y with Y, of the listed rows, in precision T.
+template <class T>
+void Products(const std::vector<const float*>& xs, int k, const std::vector<const float*>& ys,
+              int m, bool withY, CrossProducts& to) {
+  const int n = static_cast<int>(xs.size());
+  std::vector<std::vector<T>> xCopy, yCopy;
+  std::vector<const T*> x(xs.size()), y(withY ? ys.size() : 0);
+  if constexpr (std::is_same_v<T, float>) {
+    x = xs;
+    if (withY) y = ys;
+  } else {
+    xCopy.resize(xs.size());
+    yCopy.resize(y.size());
+    for (int r = 0; r < n; ++r) {
+      xCopy[r].assign(xs[r], xs[r] + k);
+      x[r] = xCopy[r].data();
+      if (withY) {
+        yCopy[r].assign(ys[r], ys[r] + m);
+        y[r] = yCopy[r].data();
+      }
+    }
+  }
+  to.xx = Product<T>(x.data(), k, nullptr, 0, n);
+  if (withY) {
+    to.xy = Product<T>(x.data(), k, y.data(), m, n);
+    to.yy = Product<T>(y.data(), m, nullptr, 0, n);
+  }
+}
+
+}  // namespace
+
+std::vector<CrossProducts> FormCrossProducts(const NCDataMatrix<float>& x,
+                                             const NCDataMatrix<float>* y,
+                                             const std::vector<std::vector<int>>& rowSets) {
+  const int k = x.SizeColumns(), m = y ? y->SizeColumns() : 0;
+  const std::size_t sets = rowSets.empty() ? 1 : rowSets.size();
+  std::vector<CrossProducts> out(sets);
+  std::vector<const float*> xs, ys;
+  for (std::size_t s = 0; s < sets; ++s) {
+    const int n = rowSets.empty() ? x.SizeRows() : static_cast<int>(rowSets[s].size());
+    xs.resize(static_cast<std::size_t>(n));
+    ys.resize(static_cast<std::size_t>(n));
+    for (int r = 0; r < n; ++r) {
+      const int i = rowSets.empty() ? r + 1 : rowSets[s][static_cast<std::size_t>(r)] + 1;
+      xs[static_cast<std::size_t>(r)] = x[i].GetVector() + 1;
+      if (y) ys[static_cast<std::size_t>(r)] = (*y)[i].GetVector() + 1;
+    }
+    CrossProducts& to = out[s];
+    to.k = k;
+    to.m = m;
+    if (static_cast<double>(x.SizeRows()) * k * (k + m) <= kDoubleWork)
+      Products<double>(xs, k, ys, m, y != nullptr, to);
+    else
+      Products<float>(xs, k, ys, m, y != nullptr, to);
+  }
+  return out;
+}
+
+void RowProducts(const NCDataMatrix<float>& x, const float* v, int q, float* out) {
+  const int n = x.SizeRows(), k = x.SizeColumns();
+  if (n == 0 || q == 0) return;
+  if (k == 0) {
+    std::fill(out, out + static_cast<std::size_t>(n) * q, 0.0f);
+    return;
+  }
+  const int blocks = (n + kGramBlockRows - 1) / kGramBlockRows;
+  ParallelFor(blocks, [&](int b) {
+    const int first = b * kGramBlockRows, count = std::min(kGramBlockRows, n - first);
+    std::vector<float> packed(static_cast<std::size_t>(count) * k);
+    for (int r = 0; r < count; ++r)
+      std::memcpy(packed.data() + static_cast<std::size_t>(r) * k, x[first + r + 1].GetVector() + 1,
+                  sizeof(float) * k);
+    cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, count, q, k, 1.0f, packed.data(), k, v,
+                q, 0.0f, out + static_cast<std::size_t>(first) * q, q);
+  });
+}
+
+void SymmetricTimes(const std::vector<double>& g, int k, const double* x, double* y) {
+  cblas_dsymv(CblasRowMajor, CblasUpper, k, 1.0, g.data(), k, x, 1, 0.0, y, 1);
+}
+
+void SubtractOuterProducts(NCDataMatrix<float>& m, const std::vector<const float*>& t,
+                           const std::vector<const float*>& p) {
+  const int n = m.SizeRows(), k = m.SizeColumns();
+  if (n == 0 || k == 0 || t.empty()) return;
+  m.Unlink();
+  std::vector<char> marker(static_cast<std::size_t>(n), 0);
+  const int blocks = (n + kGramBlockRows - 1) / kGramBlockRows;
+  ParallelFor(blocks, [&](int b) {
+    const int end = std::min(n, (b + 1) * kGramBlockRows);
+    for (int i = b * kGramBlockRows; i < end; ++i) {
+      NCDataVector<float>& row = m(i + 1);
+      row.Unlink();
+      float* e = row.GetVector() + 1;
+      for (std::size_t l = 0; l < t.size(); ++l) {
+        const float s = -t[l][i];
+        const float* v = p[l];
+        for (int j = 0; j < k; ++j) e[j] += s * v[j];
+      }
+      for (int j = 0; j < k; ++j)
+        if (e[j] == -99.0f) marker[static_cast<std::size_t>(i)] = 1;
+    }
+  });
+  for (int i = 0; i < n; ++i)
+    if (marker[static_cast<std::size_t>(i)]) {
+      float* e = m(i + 1).GetVector() + 1;
+      for (int j = 0; j < k; ++j)
+        if (e[j] == -99.0f) {
+          e[j] = 0;
+          m(i + 1, j + 1, -99.0f);  // through the counting write
+        }
+    }
+}
+
+}  // namespace mvda::detail

@@ -70,8 +70,9 @@ void CheckData(const NCDataMatrix<float>& data) {
 // point sits in, and d(x, y) == d(y, x) to the bit.
 
 constexpr int kLanes = 8;
-typedef double Lanes __attribute__((vector_size(kLanes * sizeof(double))));
-typedef std::int64_t LaneMasks __attribute__((vector_size(kLanes * sizeof(double))));
+// Half a tile: four doubles, one AVX2 register (two SSE2 ones).
+typedef double Quad __attribute__((vector_size(4 * sizeof(double))));
+typedef std::int64_t QuadMask __attribute__((vector_size(4 * sizeof(double))));
 
 class Tiles {
  public:
@@ -125,34 +126,41 @@ class Tiles {
 MVDA_AVX2_CLONES void SquaredToTiles(const double* x, bool complete, const double* tiles,
                                      int columns, int first, int last, double* out) {
   const std::size_t stride = static_cast<std::size_t>(columns) * kLanes;
-  const Lanes zero = {};
-  const Lanes one = zero + 1.0;
-  const Lanes width = zero + static_cast<double>(columns);
+  const Quad zero = {};
+  const Quad one = zero + 1.0;
+  const Quad width = zero + static_cast<double>(columns);
   for (int t = first; t < last; ++t) {
     const double* tile = tiles + t * stride;
-    Lanes s = {};
+    Quad s0 = {}, s1 = {};
     if (complete) {
       for (int c = 0; c < columns; ++c) {
-        Lanes y;
-        std::memcpy(&y, tile + c * kLanes, sizeof y);
-        const Lanes d = x[c] - y;
-        s += d * d;
+        Quad y0, y1;
+        std::memcpy(&y0, tile + c * kLanes, sizeof y0);
+        std::memcpy(&y1, tile + c * kLanes + 4, sizeof y1);
+        const Quad d0 = x[c] - y0, d1 = x[c] - y1;
+        s0 += d0 * d0;
+        s1 += d1 * d1;
       }
     } else {
-      Lanes common = {};
+      Quad n0 = {}, n1 = {};
       for (int c = 0; c < columns; ++c) {
-        Lanes y;
-        std::memcpy(&y, tile + c * kLanes, sizeof y);
+        Quad y0, y1;
+        std::memcpy(&y0, tile + c * kLanes, sizeof y0);
+        std::memcpy(&y1, tile + c * kLanes + 4, sizeof y1);
         const double xc = x[c];
-        const LaneMasks present = (y == y) & (xc == xc ? LaneMasks{} - 1 : LaneMasks{});
-        const Lanes d = xc - y;
-        s += present ? d * d : zero;
-        common += present ? one : zero;
+        const QuadMask x_present = xc == xc ? QuadMask{} - 1 : QuadMask{};
+        const QuadMask p0 = (y0 == y0) & x_present, p1 = (y1 == y1) & x_present;
+        const Quad d0 = xc - y0, d1 = xc - y1;
+        s0 += p0 ? d0 * d0 : zero;
+        s1 += p1 ? d1 * d1 : zero;
+        n0 += p0 ? one : zero;
+        n1 += p1 ? one : zero;
       }
-      const Lanes ratio = width / (common > 0.0 ? common : one);
-      s = common > 0.0 && common < width ? s * ratio : s;
+      s0 = n0 > 0.0 && n0 < width ? s0 * (width / (n0 > 0.0 ? n0 : one)) : s0;
+      s1 = n1 > 0.0 && n1 < width ? s1 * (width / (n1 > 0.0 ? n1 : one)) : s1;
     }
-    std::memcpy(out + static_cast<std::size_t>(t) * kLanes, &s, sizeof s);
+    std::memcpy(out + static_cast<std::size_t>(t) * kLanes, &s0, sizeof s0);
+    std::memcpy(out + static_cast<std::size_t>(t) * kLanes + 4, &s1, sizeof s1);
   }
 }
 

@@ -104,7 +104,8 @@ class Tiles {
   }
   // Squared distances of x to the points of tiles [first, last) into out[kLanes first ...]; see
   // SquaredToTiles.
-  void Squared(const double* x, bool x_complete, int first, int last, double* out) const;
+  void Squared(const double* x, bool x_complete, int first, int last, double* out,
+               const double* sizes = nullptr, double na = 0.0) const;
 
  private:
   double* Slot(int p) {
@@ -123,8 +124,12 @@ class Tiles {
 // Per lane: the sum over the columns that x and the point both have (missing values are NaN) of
 // (x_c - y_c)^2 in double, scaled by columns / common when some but not all are common, 0 when
 // none is. Lanes past the last point read as missing and give 0.
+// With `sizes` (per point, tile-aligned), each result is multiplied by Ward's factor
+// 2 na nc / (na + nc), nc the point's size: products and sums of counts are exact in double, so
+// the factor, like the rest, is the same whichever of two clusters is searched from.
 MVDA_AVX2_CLONES void SquaredToTiles(const double* x, bool complete, const double* tiles,
-                                     int columns, int first, int last, double* out) {
+                                     int columns, int first, int last, const double* sizes,
+                                     double na, double* out) {
   const std::size_t stride = static_cast<std::size_t>(columns) * kLanes;
   const Quad zero = {};
   const Quad one = zero + 1.0;
@@ -159,13 +164,22 @@ MVDA_AVX2_CLONES void SquaredToTiles(const double* x, bool complete, const doubl
       s0 = n0 > 0.0 && n0 < width ? s0 * (width / (n0 > 0.0 ? n0 : one)) : s0;
       s1 = n1 > 0.0 && n1 < width ? s1 * (width / (n1 > 0.0 ? n1 : one)) : s1;
     }
+    if (sizes) {
+      Quad c0, c1;
+      std::memcpy(&c0, sizes + static_cast<std::size_t>(t) * kLanes, sizeof c0);
+      std::memcpy(&c1, sizes + static_cast<std::size_t>(t) * kLanes + 4, sizeof c1);
+      s0 *= 2.0 * na * c0 / (na + c0);
+      s1 *= 2.0 * na * c1 / (na + c1);
+    }
     std::memcpy(out + static_cast<std::size_t>(t) * kLanes, &s0, sizeof s0);
     std::memcpy(out + static_cast<std::size_t>(t) * kLanes + 4, &s1, sizeof s1);
   }
 }
 
-void Tiles::Squared(const double* x, bool x_complete, int first, int last, double* out) const {
-  SquaredToTiles(x, complete_ && x_complete, values_.data(), columns_, first, last, out);
+void Tiles::Squared(const double* x, bool x_complete, int first, int last, double* out,
+                    const double* sizes, double na) const {
+  SquaredToTiles(x, complete_ && x_complete, values_.data(), columns_, first, last, sizes, na,
+                 out);
 }
 
 // The rows as doubles, a missing value as NaN, row-major.
@@ -334,13 +348,38 @@ class ChainCriterion {
  public:
   virtual ~ChainCriterion() = default;
   // d[p] for every active position p (other than that of slot a, whose entry is left alone) into
-  // d[0 .. active - 1].
-  virtual void DistancesFrom(int a, std::vector<double>& d) = 0;
+  // d[0 .. active - 1]; returns the position of the smallest, the first one on a tie.
+  virtual int DistancesFrom(int a, std::vector<double>& d) = 0;
   // Merges the cluster of slot b into that of slot a (a < b); the merge height as stored.
   virtual double Merge(int a, int b) = 0;
   virtual int Active() const = 0;
   virtual int SlotAt(int p) const = 0;
   virtual int PositionOf(int slot) const = 0;
+};
+
+// The smallest of each piece's d[first .. end) (skipping position `own`), the first on a tie,
+// combined over the pieces in order: the same position for any thread count.
+class PieceMinima {
+ public:
+  void Reset(int pieces) { best_.assign(pieces, -1); }
+  void Scan(int piece, const std::vector<double>& d, int first, int end, int own) {
+    int best = -1;
+    double value = kInfinity;  // distances are finite
+    for (int p = first; p < end; ++p) {
+      const double v = d[p];
+      if (v < value && p != own) value = v, best = p;
+    }
+    best_[piece] = best;
+  }
+  int Best(const std::vector<double>& d) const {
+    int best = -1;
+    for (const int p : best_)
+      if (p >= 0 && (best < 0 || d[p] < d[best])) best = p;
+    return best;
+  }
+
+ private:
+  std::vector<int> best_;
 };
 
 // Active positions and slots, kept in step.
@@ -387,22 +426,20 @@ class WardCentroids : public ChainCriterion {
   int SlotAt(int p) const override { return active_.SlotAt(p); }
   int PositionOf(int slot) const override { return active_.PositionOf(slot); }
 
-  void DistancesFrom(int a, std::vector<double>& d) override {
+  int DistancesFrom(int a, std::vector<double>& d) override {
     const int pa = active_.PositionOf(a);
     for (int c = 0; c < points_.columns; ++c) own_[c] = centroids_.Get(pa, c);
     const double na = size_[pa];
     const int tiles = centroids_.TileCount();
     const int pieces = (tiles + kTilesPerPiece - 1) / kTilesPerPiece;
+    minima_.Reset(pieces);
     mvda::detail::ParallelFor(pieces, [&](int k) {
       const int first = k * kTilesPerPiece, last = std::min(tiles, first + kTilesPerPiece);
-      centroids_.Squared(own_.data(), true, first, last, d.data());
+      centroids_.Squared(own_.data(), true, first, last, d.data(), size_.data(), na);
       const int end = std::min(Active(), last * kLanes);
-      for (int p = first * kLanes; p < end; ++p) {
-        const double nc = size_[p];
-        // Products and sums of counts are exact in double, so the factor is symmetric.
-        d[p] *= 2.0 * na * nc / (na + nc);
-      }
+      minima_.Scan(k, d, first * kLanes, end, pa);
     });
+    return minima_.Best(d);
   }
 
   double Merge(int a, int b) override {
@@ -432,6 +469,7 @@ class WardCentroids : public ChainCriterion {
   Tiles centroids_;
   std::vector<double> size_;  // per position
   std::vector<double> own_;   // the centroid searched from
+  PieceMinima minima_;
 };
 
 // Average, complete, weighted, and Ward with missing values: from the rows of both clusters.
@@ -457,18 +495,19 @@ class RowByRow : public ChainCriterion {
   int SlotAt(int p) const override { return active_.SlotAt(p); }
   int PositionOf(int slot) const override { return active_.PositionOf(slot); }
 
-  void DistancesFrom(int a, std::vector<double>& d) override {
+  int DistancesFrom(int a, std::vector<double>& d) override {
     Gather(a);
-    const int m = Active();
+    const int m = Active(), pa = active_.PositionOf(a);
     const int pieces = (m + kClustersPerPiece - 1) / kClustersPerPiece;
+    minima_.Reset(pieces);
     mvda::detail::ParallelFor(pieces, [&](int k) {
       std::vector<double> scratch(static_cast<std::size_t>(members_.TileCount()) * kLanes * 2);
       const int end = std::min(m, (k + 1) * kClustersPerPiece);
-      for (int p = k * kClustersPerPiece; p < end; ++p) {
-        const int c = active_.SlotAt(p);
-        if (c != a) d[p] = Linkage(a, c, Aggregate(a, c, scratch));
-      }
+      for (int p = k * kClustersPerPiece; p < end; ++p)
+        if (p != pa) d[p] = Linkage(a, active_.SlotAt(p), Aggregate(a, active_.SlotAt(p), scratch));
+      minima_.Scan(k, d, k * kClustersPerPiece, end, pa);
     });
+    return minima_.Best(d);
   }
 
   double Merge(int a, int b) override {
@@ -562,6 +601,7 @@ class RowByRow : public ChainCriterion {
   std::vector<double> pair_sum_;  // per slot: sum of squared distances within (Ward)
   Tiles members_;                 // the rows of the cluster searched from
   int gathered_ = -1;
+  PieceMinima minima_;
 };
 
 std::vector<MergeRecord> NearestNeighbourChain(ChainCriterion& criterion, int n,
@@ -578,11 +618,7 @@ std::vector<MergeRecord> NearestNeighbourChain(ChainCriterion& criterion, int n,
     for (;;) {
       a = chain.back();
       const int previous = chain.size() > 1 ? chain[chain.size() - 2] : -1;
-      criterion.DistancesFrom(a, d);
-      const int pa = criterion.PositionOf(a);
-      int best = -1;
-      for (int p = 0; p < criterion.Active(); ++p)
-        if (p != pa && (best < 0 || d[p] < d[best])) best = p;
+      int best = criterion.DistancesFrom(a, d);
       // On a tie the cluster the chain came from wins, else the chain could cycle.
       if (previous >= 0 && d[criterion.PositionOf(previous)] <= d[best])
         best = criterion.PositionOf(previous);

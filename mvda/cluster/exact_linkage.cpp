@@ -488,7 +488,9 @@ class RowByRow : public ChainCriterion {
         size_(points.rows, 1),
         weight_(points.rows, 1.0),
         pair_sum_(points.rows, 0.0),
-        members_(points.columns, points.complete) {
+        members_(points.columns, points.complete),
+        cache_(std::max(8, std::min(64, points.columns))),
+        changed_(points.rows, 0) {
     std::iota(last_.begin(), last_.end(), 0);
   }
   int Active() const override { return active_.Size(); }
@@ -498,15 +500,28 @@ class RowByRow : public ChainCriterion {
   int DistancesFrom(int a, std::vector<double>& d) override {
     Gather(a);
     const int m = Active(), pa = active_.PositionOf(a);
+    long stamp = -1;  // entries of clusters unchanged since then are still right
+    CachedRow* row = Row(a, stamp);
     const int pieces = (m + kClustersPerPiece - 1) / kClustersPerPiece;
     minima_.Reset(pieces);
     mvda::detail::ParallelFor(pieces, [&](int k) {
-      std::vector<double> scratch(static_cast<std::size_t>(members_.TileCount()) * kLanes * 2);
+      std::vector<double> scratch;
       const int end = std::min(m, (k + 1) * kClustersPerPiece);
-      for (int p = k * kClustersPerPiece; p < end; ++p)
-        if (p != pa) d[p] = Linkage(a, active_.SlotAt(p), Aggregate(a, active_.SlotAt(p), scratch));
+      for (int p = k * kClustersPerPiece; p < end; ++p) {
+        if (p == pa) continue;
+        const int c = active_.SlotAt(p);
+        if (row && changed_[c] <= stamp) {
+          d[p] = row->value[c];
+          continue;
+        }
+        if (scratch.empty())
+          scratch.resize(static_cast<std::size_t>(members_.TileCount()) * kLanes * 2);
+        d[p] = Linkage(a, c, Aggregate(a, c, scratch));
+        if (row) row->value[c] = d[p];
+      }
       minima_.Scan(k, d, k * kClustersPerPiece, end, pa);
     });
+    if (row) row->stamp = merges_;
     return minima_.Best(d);
   }
 
@@ -525,10 +540,42 @@ class RowByRow : public ChainCriterion {
     size_[a] += size_[b];
     active_.Remove(b);
     gathered_ = -1;
+    for (CachedRow& row : cache_)
+      if (row.slot == a || row.slot == b) row.slot = -1;
+    changed_[a] = ++merges_;
     return linkage_ == ExactLinkage::kWard ? std::sqrt(std::max(d, 0.0)) : d;
   }
 
  private:
+  // Rows of distances kept for the largest clusters searched from (the cluster by slot, each entry
+  // by slot): the same cluster at the head of the chain again and again then costs only its
+  // distances to the clusters that changed since. The values are those computed afresh, so the
+  // tree is the same with or without them.
+  struct CachedRow {
+    int slot = -1;  // -1: free
+    long stamp = 0;
+    std::vector<double> value;
+  };
+
+  // The row of slot a and its stamp (-1 for a row just claimed, nothing in it yet), or null when
+  // a is smaller than every cached cluster (or a single row).
+  CachedRow* Row(int a, long& stamp) {
+    CachedRow* victim = nullptr;
+    for (CachedRow& row : cache_) {
+      if (row.slot == a) {
+        stamp = row.stamp;
+        return &row;
+      }
+      if (!victim || (victim->slot >= 0 && (row.slot < 0 || size_[row.slot] < size_[victim->slot])))
+        victim = &row;
+    }
+    if (size_[a] < 2 || (victim->slot >= 0 && size_[victim->slot] >= size_[a])) return nullptr;
+    victim->slot = a;
+    victim->value.resize(size_.size());
+    stamp = -1;
+    return victim;
+  }
+
   // The members of slot a into the tiles, in list order.
   void Gather(int a) {
     if (gathered_ == a) return;
@@ -602,6 +649,9 @@ class RowByRow : public ChainCriterion {
   Tiles members_;                 // the rows of the cluster searched from
   int gathered_ = -1;
   PieceMinima minima_;
+  std::vector<CachedRow> cache_;  // O(rows x columns): at most max(8, min(64, columns)) rows
+  std::vector<long> changed_;     // per slot: the merge count when the cluster last changed
+  long merges_ = 0;
 };
 
 std::vector<MergeRecord> NearestNeighbourChain(ChainCriterion& criterion, int n,

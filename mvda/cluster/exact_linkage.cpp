@@ -339,8 +339,7 @@ std::vector<MergeRecord> SingleLinkage(const Points& points, Progress& progress)
 // ---------------------------------------------------------------------------------------------
 // The nearest-neighbour chain. The active clusters sit in positions 0 .. m-1 (a merged cluster
 // keeps one position, the other is filled with the last); a cluster is named by its slot, the
-// smallest row it holds... at the time it was formed: the slot of the merged cluster is the
-// smaller of its parts' slots.
+// smallest row it holds (0-based), which a merge keeps: the smaller of its parts' slots.
 
 // What a criterion must offer the chain: the distance of two active clusters, symmetric to the
 // bit, and a merge.

@@ -294,7 +294,7 @@ TEST(ExactLinkage, OneAndTwoRows) {
 TEST(ExactLinkage, SameTreeForEveryThreadCount) {
   // Large enough for several pieces in every search (Ward's centroid scan cuts 1024 clusters).
   const Rows complete = Blobs(2100, 5, 41);
-  const Rows gaps = Blobs(400, 9, 42, 0.2);
+  const Rows gaps = Blobs(250, 9, 42, 0.2);
   for (int e = 0; e < 5; ++e) {
     SCOPED_TRACE(kNames[e]);
     for (const Rows* x : {&complete, &gaps}) {

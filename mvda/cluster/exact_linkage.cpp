@@ -477,6 +477,7 @@ class WardCentroids : public ChainCriterion {
 class RowByRow : public ChainCriterion {
  public:
   static constexpr int kClustersPerPiece = 16;
+  static constexpr int kRowTilesPerPiece = 64;
 
   RowByRow(const Points& points, ExactLinkage linkage)
       : points_(points),
@@ -489,8 +490,12 @@ class RowByRow : public ChainCriterion {
         pair_sum_(points.rows, 0.0),
         members_(points.columns, points.complete),
         cache_(std::max(8, std::min(64, points.columns))),
-        changed_(points.rows, 0) {
+        changed_(points.rows, 0),
+        all_(points.columns, points.complete) {
     std::iota(last_.begin(), last_.end(), 0);
+    all_.Resize(points.rows);
+    for (int i = 0; i < points.rows; ++i) all_.Set(i, points.Row(i));
+    from_row_.resize(static_cast<std::size_t>(all_.TileCount()) * kLanes);
   }
   int Active() const override { return active_.Size(); }
   int SlotAt(int p) const override { return active_.SlotAt(p); }
@@ -501,6 +506,16 @@ class RowByRow : public ChainCriterion {
     const int m = Active(), pa = active_.PositionOf(a);
     long stamp = -1;  // entries of clusters unchanged since then are still right
     CachedRow* row = Row(a, stamp);
+    const bool single = size_[a] == 1;
+    if (single) {
+      // A single row: its distances to all rows first, eight at a time.
+      const int tiles = all_.TileCount();
+      mvda::detail::ParallelFor((tiles + kRowTilesPerPiece - 1) / kRowTilesPerPiece, [&](int k) {
+        const int first = k * kRowTilesPerPiece;
+        all_.Squared(points_.Row(a), points_.row_complete[a] != 0, first,
+                     std::min(tiles, first + kRowTilesPerPiece), from_row_.data());
+      });
+    }
     const int pieces = (m + kClustersPerPiece - 1) / kClustersPerPiece;
     minima_.Reset(pieces);
     mvda::detail::ParallelFor(pieces, [&](int k) {
@@ -511,6 +526,10 @@ class RowByRow : public ChainCriterion {
         const int c = active_.SlotAt(p);
         if (row && changed_[c] <= stamp) {
           d[p] = row->value[c];
+          continue;
+        }
+        if (single) {
+          d[p] = Linkage(a, c, AggregateFromRow(a, c));
           continue;
         }
         if (scratch.empty())
@@ -622,6 +641,26 @@ class RowByRow : public ChainCriterion {
     return total;
   }
 
+  // Aggregate for a single row a from its distances in from_row_: the same terms in the same
+  // order (c's rows in list order), so the same number.
+  double AggregateFromRow(int a, int c) const {
+    double total = 0.0;
+    for (int y = c; y >= 0; y = next_[y]) {
+      double v = from_row_[y];
+      switch (linkage_) {
+        case ExactLinkage::kWard:
+          break;
+        case ExactLinkage::kWeighted:
+          v = std::sqrt(v) * (weight_[a] * weight_[y]);
+          break;
+        default:
+          v = std::sqrt(v);
+      }
+      total = linkage_ == ExactLinkage::kComplete ? std::max(total, v) : total + v;
+    }
+    return total;
+  }
+
   double Linkage(int a, int c, double aggregate) const {
     const double na = size_[a], nc = size_[c];
     switch (linkage_) {
@@ -651,6 +690,8 @@ class RowByRow : public ChainCriterion {
   std::vector<CachedRow> cache_;  // O(rows x columns): at most max(8, min(64, columns)) rows
   std::vector<long> changed_;     // per slot: the merge count when the cluster last changed
   long merges_ = 0;
+  Tiles all_;                     // every row, for the distances of a single row
+  std::vector<double> from_row_;  // per row: squared distance to the single row searched from
 };
 
 std::vector<MergeRecord> NearestNeighbourChain(ChainCriterion& criterion, int n,

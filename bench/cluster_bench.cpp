@@ -11,6 +11,11 @@
 // N = 20000, a widely used fast hierarchical clustering library takes 3.3 s for single linkage and
 // 7.7 s for Ward (its memory-saving variants), 6.0 s and 9.9 s with 5% missing values.
 //
+// Exact linkages (GetExactDendroGram), arguments rows, percent missing, criterion (0 Ward, 1
+// average, 2 complete, 3 weighted, 4 single): memory in proportion to the rows; Ward on complete
+// data up to N = 60000. bench/compare_fastcluster.py times the tool against fastcluster's
+// linkage_vector on the same CSV, in one command.
+//
 // Checks after the timed loop: every Ward height is the increase of the error sum of squares of the
 // two clusters it joins, worked out here from the rows below the node (with missing values: per
 // column over the present values, scaled up by the share missing; two single rows: their scaled
@@ -20,6 +25,7 @@
 #include <mvda/cluster/dendrogram.h>
 #include <mvda/cluster/detail/ward_list.h>
 #include <mvda/cluster/distance_calculators.h>
+#include <mvda/cluster/exact_linkage.h>
 #include <mvda/containers/data_matrix.h>
 #include <mvda/platform/user_comm.h>
 
@@ -309,6 +315,30 @@ void BM_SingleLinkagePrimBaseline(benchmark::State& state) {
   if (edges.size() != std::size_t(n - 1)) state.SkipWithError("wrong number of edges");
 }
 
+void BM_ExactLinkage(benchmark::State& state) {
+  const int n = static_cast<int>(state.range(0)), percent = static_cast<int>(state.range(1));
+  const auto linkage = static_cast<DendroGram::ExactLinkage>(state.range(2));
+  const NCDataMatrix<float> x = Blobs(n, percent);
+  DendroGram::DendroGramNode* root = nullptr;
+  for (auto _ : state) {
+    state.PauseTiming();
+    if (root) root->Destroy();
+    state.ResumeTiming();
+    root = DendroGram::GetExactDendroGram(x, linkage, nullptr);
+  }
+  SetBytes(state, n);
+  const std::vector<double> heights = SortedHeights(*root);
+  root->Destroy();
+  // Heights from the textbook: Lance-Williams Ward and Prim's tree, written in this file.
+  std::vector<double> textbook;
+  if (percent == 0 && linkage == DendroGram::ExactLinkage::kWard && n <= 2000)
+    textbook = LanceWilliamsWard(x);
+  if (linkage == DendroGram::ExactLinkage::kSingle) textbook = PrimEdges(x);
+  for (std::size_t k = 0; k < textbook.size(); ++k)
+    if (std::fabs(heights[k] - textbook[k]) > 1e-5 * (1.0 + textbook[k]))
+      state.SkipWithError("exact linkage heights differ from the textbook");
+}
+
 const std::vector<std::int64_t> kLarge = {5000, 10000, 20000};
 
 BENCHMARK(BM_Ward)->ArgsProduct({kLarge, {0, 5}})->Unit(benchmark::kMillisecond);
@@ -320,6 +350,12 @@ BENCHMARK(BM_SingleLinkage)->ArgsProduct({kLarge, {0, 5}})->Unit(benchmark::kMil
 BENCHMARK(BM_SingleLinkageOnDisk)->ArgsProduct({{20000}, {0, 5}})->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_SingleLinkagePrimBaseline)
     ->ArgsProduct({{5000, 20000}, {0}})
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_ExactLinkage)
+    ->ArgsProduct({{2000, 20000, 60000}, {0}, {0}})
+    ->ArgsProduct({{2000}, {0, 5}, {1, 2, 3}})
+    ->Args({2000, 5, 0})
+    ->ArgsProduct({{5000, 20000}, {0, 5}, {4}})
     ->Unit(benchmark::kMillisecond);
 
 }  // namespace

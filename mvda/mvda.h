@@ -4,6 +4,7 @@
 
 #include <mvda/cluster/dendrogram.h>
 #include <mvda/cluster/distance_calculators.h>
+#include <mvda/cluster/exact_linkage.h>
 #include <mvda/cluster/mega_distances.h>
 #include <mvda/containers/data_matrix.h>
 #include <mvda/containers/data_vector.h>

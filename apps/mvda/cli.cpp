@@ -105,7 +105,8 @@ int Run(int argc, char** argv) {
   CLI::App* cluster = app.add_subcommand("cluster", "Hierarchical clustering of the observations");
   cluster->add_option("file", cluster_options.file, "CSV file")->required();
   cluster->add_option("--method", cluster_options.method, "Merge criterion")
-      ->check(CLI::IsMember({"ward", "ward-sqrt", "single"}))
+      ->check(CLI::IsMember({"ward", "ward-sqrt", "single", "ward-exact", "average", "complete",
+                             "weighted", "single-exact"}))
       ->capture_default_str();
   cluster->add_option("--scale", cluster_options.scaling, "Scaling of every variable")
       ->check(CLI::IsMember({"none", "center", "pareto", "uv"}))

@@ -1,5 +1,6 @@
 #include <mvda/cluster/dendrogram.h>
 #include <mvda/cluster/distance_calculators.h>
+#include <mvda/cluster/exact_linkage.h>
 #include <mvda/platform/stream_source.h>
 
 #include <algorithm>
@@ -23,7 +24,9 @@ std::unique_ptr<DendroGram::ClusterDistanceCalculator> Calculator(const std::str
     return std::make_unique<WardDistanceCalculator>(WardDistanceCalculator::kRootErrorSumOfSquares);
   }
   if (method == "single") return std::make_unique<DendroGram::SingleLinkageDistanceCalculator>();
-  throw ToolError("--method " + method + ": expected ward, ward-sqrt or single");
+  throw ToolError("--method " + method +
+                  ": expected ward, ward-sqrt, single, ward-exact, average, complete, weighted or "
+                  "single-exact");
 }
 
 struct TreeDeleter {
@@ -132,7 +135,10 @@ ClusterResult Cluster(Dataset data, const std::string& method, const std::string
   result.method = method;
   result.scaling = scaling;
   result.cut = cut;
-  const auto calculator = Calculator(method);
+  // The exact linkages keep no distance list and use no cache.
+  DendroGram::ExactLinkage exact = DendroGram::ExactLinkage::kWard;
+  const bool is_exact = DendroGram::ExactLinkageFromName(method, exact);
+  const auto calculator = is_exact ? nullptr : Calculator(method);
   Matrix x = data.x;
   FitScale(x, data.x_names, scaling, data.path);
   result.data = std::move(data);
@@ -141,7 +147,8 @@ ClusterResult Cluster(Dataset data, const std::string& method, const std::string
   if (!cache_dir.empty()) cache = std::make_unique<TwFolderStreamSource>(cache_dir);
   const auto progress = StepProgress("Clustering");
   const std::unique_ptr<DendroGram::DendroGramNode, TreeDeleter> root(
-      DendroGram::GetDendroGram(x, *calculator, progress.get(), cache.get()));
+      is_exact ? DendroGram::GetExactDendroGram(x, exact, progress.get())
+               : DendroGram::GetDendroGram(x, *calculator, progress.get(), cache.get()));
   ThrowIfStopped();
 
   NCDataVector<float> heights;

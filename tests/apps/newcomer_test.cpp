@@ -377,46 +377,66 @@ ToolRun RunProgramUntil(const std::vector<std::string>& args, const std::string&
   return run;
 }
 
-// A fit long enough to be interrupted for sure: 20 components of 20000 x 40 noise, each
-// cross-validated. The signal goes once the second component has begun, so it meets the fit
-// (not the reading of the file) with most of the work still ahead.
-TEST(Newcomer, CtrlCStopsALongFitCleanlyWithStatus130) {
-  ScratchDir dir("interrupt");
-  {
-    std::ofstream csv(dir / "big.csv");
-    std::mt19937 random(7);
-    std::normal_distribution<double> noise;
-    for (int j = 0; j < 40; ++j) csv << (j ? ",v" : "v") << j;
+std::string NoiseCsv(int rows, int columns, unsigned seed) {
+  std::ostringstream csv;
+  std::mt19937 random(seed);
+  std::normal_distribution<double> noise;
+  for (int j = 0; j < columns; ++j) csv << (j ? ",v" : "v") << j;
+  csv << "\n";
+  for (int i = 0; i < rows; ++i) {
+    for (int j = 0; j < columns; ++j) csv << (j ? "," : "") << noise(random);
     csv << "\n";
-    for (int i = 0; i < 20000; ++i) {
-      for (int j = 0; j < 40; ++j) csv << (j ? "," : "") << noise(random);
-      csv << "\n";
-    }
   }
-  WriteText(dir / "old.mvda", "the previous model");
+  return csv.str();
+}
+
+// Runs `args` (files in `dir`), interrupts it once stderr shows `marker`, and checks the clean
+// stop: status 130 within kWait seconds, nothing on stdout, the old file untouched, no new file
+// in the folder and none in the temporary folder (TMPDIR, where spill files go).
+void ExpectCleanStop(const ScratchDir& dir, std::vector<std::string> args,
+                     const std::string& marker) {
+  WriteText(dir / "old.out", "the previous result");
   const std::string tmp = dir / "tmp";
   std::filesystem::create_directories(tmp);
   setenv("TMPDIR", tmp.c_str(), 1);
-  const std::vector<std::string> args = {MVDA_CLI_EXE, "--progress", "pca", dir / "big.csv",
-                                         "--components", "20", "--save", dir / "old.mvda",
-                                         "--report", dir / "report.html", "--scores",
-                                         dir / "scores.csv"};
+  args.insert(args.begin(), {MVDA_CLI_EXE, "--progress"});
   const double kWait = 20;  // seconds from the signal to the exit, at most
-  const ToolRun run = RunProgramUntil(args, "principal component 2", kWait);
+  const ToolRun run = RunProgramUntil(args, marker, kWait);
   unsetenv("TMPDIR");
   ASSERT_NE(run.exit_code, -1) << "not stopped within " << kWait << " s of Ctrl-C: " << run.err;
   EXPECT_EQ(run.exit_code, 130) << run.err;
   EXPECT_TRUE(run.out.empty()) << run.out;
   EXPECT_NE(run.err.find("mvda: stopped (Ctrl-C); no output written"), std::string::npos)
       << run.err;
-  // No partial files, no temporary files, the old model untouched.
-  EXPECT_EQ(ReadFile(dir / "old.mvda"), "the previous model");
+  EXPECT_EQ(ReadFile(dir / "old.out"), "the previous result");
   std::vector<std::string> left;
   for (const auto& entry : std::filesystem::recursive_directory_iterator(dir.path())) {
     left.push_back(entry.path().filename().string());
   }
   std::sort(left.begin(), left.end());
-  EXPECT_EQ(left, (std::vector<std::string>{"big.csv", "old.mvda", "tmp"}));
+  EXPECT_EQ(left, (std::vector<std::string>{"data.csv", "old.out", "tmp"}));
+}
+
+// Runs long enough to be interrupted for sure: 20 cross-validated components of 20000 x 40
+// noise; single linkage of 8000 observations. The signal goes when the tool reports a step well
+// inside the computation (not the reading of the file), with most of the work still ahead.
+TEST(Newcomer, CtrlCStopsALongFitOrClusteringCleanlyWithStatus130) {
+  {
+    ScratchDir dir("interrupt_fit");
+    WriteText(dir / "data.csv", NoiseCsv(20000, 40, 7));
+    ExpectCleanStop(dir,
+                    {"pca", dir / "data.csv", "--components", "20", "--save", dir / "old.out",
+                     "--report", dir / "report.html", "--scores", dir / "scores.csv"},
+                    "principal component 2");
+  }
+  {
+    ScratchDir dir("interrupt_cluster");
+    WriteText(dir / "data.csv", NoiseCsv(8000, 10, 8));
+    ExpectCleanStop(dir,
+                    {"cluster", dir / "data.csv", "--method", "single", "--clusters", "3",
+                     "--output", dir / "old.out", "--report", dir / "report.html"},
+                    "distances");
+  }
 }
 
 TEST(Newcomer, OutPutsEveryFileInOneFolder) {

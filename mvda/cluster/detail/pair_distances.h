@@ -110,6 +110,9 @@ class InitDistancesThreadClass {
   void operator()() noexcept;
   // Whether the copies could not all be kept (memory); `low` is then emptied.
   bool LowFailed() const { return low_failed_; }
+  // The worker leaves its band unfinished once `progress` reports a stop request (checked per
+  // row), so that a stop is honoured within a row's time rather than the whole list's.
+  void StopOn(NCProgress* progress) { stop_ = progress; }
 
  private:
   const RowTable* rows_;
@@ -121,6 +124,7 @@ class InitDistancesThreadClass {
   DistanceList* low_;
   int low_bins_;
   bool low_failed_ = false;
+  NCProgress* stop_ = nullptr;
 };
 
 // Records first .. first+count-1 of the list, by `threads` boost threads over equal shares.

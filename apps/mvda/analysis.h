@@ -147,6 +147,7 @@ struct ChartResult {
   int subgroup = 1, baseline = 0, subgroups = 0;
   double target = -99, sigma = -99, lambda = -99;
   std::string sigma_note;  // which spread sigma is and where it came from, one line
+  std::vector<std::string> row_names;  // the observations, in file order
   // Each panel: one statistic per subgroup with its centre line and limits (-99 where the chart
   // has none), and the subgroups (1-based) outside them.
   struct Panel {

@@ -162,6 +162,7 @@ ChartResult Chart(const CsvTable& table, const ChartSettings& settings) {
 
   ChartResult result;
   result.path = table.path;
+  result.row_names = table.row_names;
   result.column = table.columns[static_cast<std::size_t>(column)];
   result.type = settings.type;
   result.subgroup = n;

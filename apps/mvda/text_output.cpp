@@ -343,7 +343,20 @@ void PrintChart(std::ostream& os, const ChartResult& r) {
        << Pad(General(p.lower), 10) << "   UCL " << Pad(General(p.upper), 10) << "\n";
     os << "          outside the limits: ";
     if (p.outside.empty()) os << "none";
-    for (std::size_t i = 0; i < p.outside.size(); ++i) os << (i ? ", " : "") << p.outside[i];
+    // By name: a single value is an observation; a subgroup, its number and its first and last.
+    for (std::size_t i = 0; i < p.outside.size(); ++i) {
+      const std::size_t first = static_cast<std::size_t>(p.outside[i] - 1) *
+                                static_cast<std::size_t>(r.subgroup);
+      const std::size_t last = first + static_cast<std::size_t>(r.subgroup) - 1;
+      os << (i ? ", " : "");
+      if (last >= r.row_names.size()) {
+        os << p.outside[i];
+      } else if (r.subgroup == 1) {
+        os << r.row_names[first];
+      } else {
+        os << p.outside[i] << " (" << r.row_names[first] << "-" << r.row_names[last] << ")";
+      }
+    }
     os << "\n";
   }
 }

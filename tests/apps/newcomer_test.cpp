@@ -3,6 +3,7 @@
 // the progress bar into a pipe, Ctrl-C in the middle of a long fit, --out, and bash completion.
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -249,6 +250,84 @@ TEST(Newcomer, ClusterOutputNamesObservationsAndWritesTheMembership) {
   EXPECT_EQ(uncut.exit_code, 2);
   EXPECT_NE(uncut.err.find("--clusters"), std::string::npos) << uncut.err;
   EXPECT_FALSE(std::filesystem::exists(dir / "x.csv"));
+}
+
+// An individual chart of Torque: sigma from the mean moving range (d2(2) = 2/sqrt(pi)), limits at
+// target +- 3 sigma, the values outside named by observation, all computed here.
+TEST(Newcomer, FiguresThatCanSurpriseCarryAFootnote) {
+  const CsvTable filling = ReadCsv("filling.csv");
+  const int torque = filling.Column("Torque");
+  std::vector<double> x;  // NaN where the cell is empty; moving ranges skip those pairs
+  for (std::size_t i = 0; i < filling.rows.size(); ++i) {
+    const bool empty = filling.rows[i][static_cast<std::size_t>(torque)].empty();
+    x.push_back(empty ? std::nan("") : filling.Number(i, torque));
+  }
+  double mr = 0, mean = 0;
+  int ranges = 0, present = 0;
+  for (std::size_t i = 1; i < x.size(); ++i) {
+    if (std::isnan(x[i]) || std::isnan(x[i - 1])) continue;
+    mr += std::fabs(x[i] - x[i - 1]);
+    ++ranges;
+  }
+  mr /= ranges;
+  for (const double v : x) {
+    if (!std::isnan(v)) mean += v, ++present;
+  }
+  mean /= present;
+  const double d2 = 2 / std::sqrt(std::acos(-1.0));
+  const double sigma = mr / d2;
+  std::string outside;
+  for (std::size_t i = 0; i < x.size(); ++i) {
+    if (std::fabs(x[i] - mean) > 3 * sigma) {
+      outside += (outside.empty() ? "" : ", ") + filling.rows[i][0];
+    }
+  }
+  ASSERT_FALSE(outside.empty());  // the data set has an excursion to name
+  const ToolRun chart = RunTool({"chart", Data("filling.csv"), "--column", "Torque"});
+  ASSERT_EQ(chart.exit_code, 0) << chart.err;
+  std::smatch m;
+  ASSERT_TRUE(std::regex_search(chart.out, m,
+                                std::regex(R"(\(sigma is the spread of single values, estimated )"
+                                           R"(from the mean moving range of the baseline values: )"
+                                           R"(([0-9.]+) / d2\(2\) = [0-9.]+ / ([0-9.]+)\))")))
+      << chart.out;
+  EXPECT_NEAR(std::stod(m[1]), mr, 1e-3 * mr);
+  EXPECT_NEAR(std::stod(m[2]), d2, 1e-3);
+  EXPECT_NE(chart.out.find("outside the limits: " + outside + "\n"), std::string::npos)
+      << outside << "\n" << chart.out;
+  // A chart of subgroup means shows both spreads: sigma and sigma / sqrt(n).
+  const ToolRun means = RunTool({"chart", Data("filling.csv"), "--column", "Weight", "--type",
+                                 "mean-range", "--subgroup", "5", "--sigma", "2"});
+  ASSERT_EQ(means.exit_code, 0) << means.err;
+  EXPECT_NE(means.out.find("given with --sigma; the Mean limits use sigma / sqrt(5) = 0.8944"),
+            std::string::npos)
+      << means.out;
+
+  // PLS: the Q2 limit is 0 above 100 observations, and the output says why; at 100 or fewer it
+  // is 0.05 and needs no note. Both say which rule kept the components.
+  const ToolRun all = RunTool({"pls", Data("diabetes.csv"), "--y", "Progression"});
+  ASSERT_EQ(all.exit_code, 0);
+  EXPECT_NE(all.out.find("Q2 limit 0.000: with more than 100 observations (here 442)"),
+            std::string::npos)
+      << all.out;
+  EXPECT_NE(all.out.find("Kept: components fitted one at a time while 7-group cross-validation"),
+            std::string::npos);
+  ScratchDir dir("footnote");
+  std::ifstream in(Data("diabetes.csv"));
+  std::ofstream out(dir / "small.csv");
+  std::string line;
+  for (int i = 0; i <= 100 && std::getline(in, line); ++i) out << line << "\n";
+  out.close();
+  const ToolRun small = RunTool({"pls", dir / "small.csv", "--y", "Progression", "--components",
+                                 "2", "--json"});
+  ASSERT_EQ(small.exit_code, 0) << small.err;
+  EXPECT_TRUE(std::regex_search(small.out, std::regex(R"("q2_limit": 0\.0500)"))) << small.out;
+  const ToolRun small_text =
+      RunTool({"pls", dir / "small.csv", "--y", "Progression", "--components", "2"});
+  EXPECT_EQ(small_text.out.find("Q2 limit 0.000"), std::string::npos) << small_text.out;
+  EXPECT_NE(small_text.out.find("Kept: the 2 components asked for with --components"),
+            std::string::npos)
+      << small_text.out;
 }
 
 TEST(Newcomer, VersionNamesTheBuildTheBlasAndTheThreads) {

@@ -14,7 +14,8 @@ namespace {
 
 bool g_quiet = false;
 
-// On a terminal one line redrawn in place whenever the shown percentage changes. Into a pipe or
+// On a terminal one line redrawn in place whenever the shown percentage changes, and erased when
+// the step ends. Into a pipe or
 // a log file a redrawn line would pile up as carriage returns, so there each step gets a line
 // of its own every 10 %, and one when it ends.
 class ProgressBar : public NCProgress {
@@ -23,7 +24,9 @@ class ProgressBar : public NCProgress {
       : NCProgress(text, min, max), terminal_(terminal) {}
   ~ProgressBar() override {
     const std::lock_guard<std::mutex> guard(lock_);
-    if (terminal_ && drawn_) std::fputc('\n', stderr);
+    // A finished step clears its line: the next step draws in the same place, and the results
+    // below are not pushed down by a screen of finished bars.
+    if (terminal_ && drawn_) std::fputs("\r\033[K", stderr);
     std::fflush(stderr);
   }
 

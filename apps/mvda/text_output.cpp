@@ -294,7 +294,13 @@ void PrintCluster(std::ostream& os, const ClusterResult& r) {
   }
   os << (r.cut > 0 ? "; (k): cluster k of the cut" : "") << "\n";
   PrintDendrogram(os, r);
-  if (r.membership.empty()) return;
+  if (r.membership.empty()) {
+    if (!d.classes.empty()) {
+      os << "\n  (--clusters K cuts the tree into K clusters and shows them against "
+         << d.class_name << ")\n";
+    }
+    return;
+  }
 
   int clusters = 0;
   for (const int c : r.membership) clusters = std::max(clusters, c);

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs, only when missing, every Debian package that the library, its tests, its benchmarks
-# and the command-line tool need (chromium: the test that opens the HTML report headless). Safe
+# and the command-line tool need (chromium: the test that opens the HTML report headless; doxygen
+# and help2man: the reference and the manual page, built on request). Safe
 # to run again: a machine that has everything is left alone.
 set -euo pipefail
 
@@ -14,6 +15,7 @@ packages=(
   libcli11-dev libcsv-dev nlohmann-json3-dev
   clang libclang-rt-14-dev
   chromium
+  doxygen help2man
 )
 
 missing=()

@@ -36,6 +36,10 @@ struct Dataset {
 Dataset SelectData(const CsvTable& table, const std::vector<std::string>& y_columns,
                    const std::string& class_column, const std::vector<std::string>& excluded);
 
+// A one-line hint (without the "mvda: " prefix) naming the X columns that hold only a few
+// distinct whole numbers, like a class code analysed as a measurement by mistake; "" for none.
+std::string ClassLikeHint(const Dataset& data);
+
 // "none", "center", "pareto", "uv" as NCScale codes; ToolError for another word.
 int ScalingCode(const std::string& name);
 
@@ -142,6 +146,8 @@ struct ChartResult {
   std::string path, column, type;
   int subgroup = 1, baseline = 0, subgroups = 0;
   double target = -99, sigma = -99, lambda = -99;
+  std::string sigma_note;  // which spread sigma is and where it came from, one line
+  std::vector<std::string> row_names;  // the observations, in file order
   // Each panel: one statistic per subgroup with its centre line and limits (-99 where the chart
   // has none), and the subgroups (1-based) outside them.
   struct Panel {

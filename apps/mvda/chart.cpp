@@ -2,8 +2,10 @@
 #include <mvda/spc/control_chart.h>
 
 #include <cmath>
+#include <cstdio>
 
 #include "analysis.h"
+#include "column_names.h"
 #include "tool_error.h"
 
 namespace mvda::cli {
@@ -33,6 +35,12 @@ ControlChart::ControlType TypeCode(const std::string& type) {
   if (type == "ewma") return ControlChart::kEWMA;
   throw ToolError("--type " + type +
                   ": expected individual, mean-range, mean-stddev, cusum or ewma");
+}
+
+std::string Number(double v) {
+  char buffer[32];
+  std::snprintf(buffer, sizeof buffer, "%.4g", v);
+  return buffer;
 }
 
 std::vector<double> Values(const NCDataVector<float>& v) { return {v.begin(), v.end()}; }
@@ -72,9 +80,7 @@ double MeanMovingRange(const NCDataVector<float>& x) {
 ChartResult Chart(const CsvTable& table, const ChartSettings& settings) {
   const ControlChart::ControlType type = TypeCode(settings.type);
   const int column = table.Find(settings.column);
-  if (column < 0 || table.is_text[static_cast<std::size_t>(column)]) {
-    throw ToolError(table.path + ": no numeric column '" + settings.column + "' (--column)");
-  }
+  if (column < 0) throw ToolError(NoSuchColumn(table.path, table.columns, settings.column, "--column"));
   const bool individual = type == ControlChart::kIndividual;
   const int n = settings.subgroup > 0 ? settings.subgroup : (individual ? 1 : 5);
   if (individual && n != 1) {
@@ -113,18 +119,29 @@ ChartResult Chart(const CsvTable& table, const ChartSettings& settings) {
     throw ToolError(table.path + ": column '" + settings.column + "' has no values");
   base.SetTarget(target);
   double sigma = settings.sigma;
+  std::string estimate;  // how sigma was estimated, for the footnote
   if (sigma == kMissing) {
     switch (type) {
       case ControlChart::kIndividual: {
         const double mr = MeanMovingRange(first);
         if (mr != kMissing) sigma = mr / FactorD2(2);
+        estimate = "the mean moving range of the baseline values: " + Number(mr) + " / d2(2) = " +
+                   Number(mr) + " / " + Number(FactorD2(2));
         break;
       }
       case ControlChart::kMeanRange:
         sigma = static_cast<double>(base.GetRangeVector()->GetMean()) / FactorD2(n);
+        estimate = "the mean range of the baseline subgroups: " +
+                   Number(base.GetRangeVector()->GetMean()) + " / d2(" + std::to_string(n) +
+                   ") = " + Number(base.GetRangeVector()->GetMean()) + " / " +
+                   Number(FactorD2(n));
         break;
       case ControlChart::kMeanStdDev:
         sigma = static_cast<double>(base.GetStdDevVector()->GetMean()) / FactorC4(n);
+        estimate = "the mean standard deviation of the baseline subgroups: " +
+                   Number(base.GetStdDevVector()->GetMean()) + " / c4(" + std::to_string(n) +
+                   ") = " + Number(base.GetStdDevVector()->GetMean()) + " / " +
+                   Number(FactorC4(n));
         break;
       default:
         break;  // CuSum and EWMA take the spread of the means from their successive differences
@@ -145,12 +162,31 @@ ChartResult Chart(const CsvTable& table, const ChartSettings& settings) {
 
   ChartResult result;
   result.path = table.path;
-  result.column = settings.column;
+  result.row_names = table.row_names;
+  result.column = table.columns[static_cast<std::size_t>(column)];
   result.type = settings.type;
   result.subgroup = n;
   result.baseline = baseline;
   result.subgroups = groups;
   result.target = target;
+  // Charts of subgroups show two spreads: sigma of single values, and sigma / sqrt(n) of a mean.
+  const std::string source =
+      settings.sigma != kMissing ? "given with --sigma" : "estimated from " + estimate;
+  if (type <= ControlChart::kMeanStdDev) {
+    result.sigma_note = "sigma is the spread of single values, " + source;
+    if (n > 1) {
+      result.sigma_note += "; the Mean limits use sigma / sqrt(" + std::to_string(n) +
+                           ") = " + Number(chart.GetStdDevProcess() / std::sqrt(n)) +
+                           ", the spread of a subgroup mean";
+    }
+  } else {
+    result.sigma_note =
+        settings.sigma != kMissing
+            ? "sigma is the spread of the subgroup means derived from the --sigma given (" +
+                  Number(settings.sigma) + ")"
+            : "sigma is the spread of the subgroup means, estimated from their successive "
+              "differences (mean square successive difference) over the baseline";
+  }
   switch (type) {
     case ControlChart::kIndividual:
       result.sigma = sigma;

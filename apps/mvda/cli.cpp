@@ -6,9 +6,12 @@
 #include <iostream>
 #include <new>
 
+#include <dlfcn.h>
+
 #include <CLI/CLI.hpp>
 
 #include "commands.h"
+#include "console.h"
 #include "fit_common.h"
 #include "tool_error.h"
 
@@ -21,15 +24,65 @@ std::string OneLine(std::string text) {
   return text;
 }
 
+#ifndef MVDA_VERSION
+#define MVDA_VERSION "unknown"
+#endif
+#ifndef MVDA_BUILD_TYPE
+#define MVDA_BUILD_TYPE "unknown"
+#endif
+
+// What a bug report needs: which build of which version, on which BLAS, with how many threads.
+std::string VersionText(int threads) {
+  using NCMultiThreading::ThreadingControl;
+  const int count = threads > 0 ? threads
+                    : ThreadingControl::IsThreadingOn() ? ThreadingControl::GetNumberOfProcessors()
+                                                        : 1;
+  // OpenBLAS describes itself (version, kernel, thread limit); it comes in through the library,
+  // so it is looked up rather than linked, and another BLAS is named as unknown.
+  using ConfigFunction = char* (*)();
+  const auto config =
+      reinterpret_cast<ConfigFunction>(::dlsym(RTLD_DEFAULT, "openblas_get_config"));
+  const std::string blas = config != nullptr ? config() : "not OpenBLAS (no version known)";
+  return std::string("mvda ") + MVDA_VERSION + "\nbuild type: " + MVDA_BUILD_TYPE +
+         "\nBLAS: " + blas + "\nthreads: " + std::to_string(count) +
+         (threads > 0 ? " (--threads)" : " (default: every processor; --threads N sets it)");
+}
+
+std::string MissingFolder(const std::string& path) {
+  const std::filesystem::path folder = std::filesystem::path(path).parent_path();
+  if (folder.empty() || std::filesystem::is_directory(folder)) return std::string();
+  return "no folder " + folder.string() + " to write " + path + " in";
+}
+
 // An output file whose folder does not exist is refused before the analysis runs, rather than
-// found out after it.
+// found out after it. A relative path may still go under --out, given later on the line: it is
+// checked once --out is known (PlaceOutputs).
 const CLI::Validator kInExistingFolder(
     [](std::string& path) -> std::string {
-      const std::filesystem::path folder = std::filesystem::path(path).parent_path();
-      if (folder.empty() || std::filesystem::is_directory(folder)) return std::string();
-      return "no folder " + folder.string() + " to write " + path + " in";
+      return std::filesystem::path(path).is_relative() ? std::string() : MissingFolder(path);
     },
     "FILE");
+
+// Every file a command writes, by option: relative paths go under --out DIR (made if missing).
+void PlaceOutputs(const std::string& out_dir,
+                  const std::vector<std::pair<const char*, std::string*>>& outputs) {
+  if (!out_dir.empty()) {
+    std::error_code error;
+    std::filesystem::create_directories(out_dir, error);
+    if (error || !std::filesystem::is_directory(out_dir)) {
+      throw ToolError("--out " + out_dir + ": cannot make the folder" +
+                      (error ? ": " + error.message() : std::string()));
+    }
+  }
+  for (const auto& [option, path] : outputs) {
+    if (path->empty()) continue;
+    if (!out_dir.empty() && std::filesystem::path(*path).is_relative()) {
+      *path = (std::filesystem::path(out_dir) / *path).string();
+    }
+    const std::string missing = MissingFolder(*path);
+    if (!missing.empty()) throw ToolError(std::string(option) + ": " + missing);
+  }
+}
 
 void AddOutputs(CLI::App* app, Outputs& out) {
   app->add_flag("--json", out.json, "Print the results as JSON instead of tables");
@@ -67,15 +120,30 @@ int Run(int argc, char** argv) {
   CLI::App app{
       "mvda: multivariate data analysis of CSV files (PCA, PLS, prediction, clustering, "
       "control charts)"};
-  app.require_subcommand(1);
+  app.require_subcommand(0, 1);
+  // The options of the tool as a whole are taken before or after the command name.
+  app.fallthrough();
   app.footer(
       "CSV files: a header row of variable names; a first column of observation names when its "
-      "header cell is empty or it holds text; missing values are empty cells, NA or -99.\n"
+      "header cell is empty or it holds text; missing values are empty cells, NA or -99. Column "
+      "names are matched exactly, else ignoring letter case.\n"
       "Exit codes: 0 done; 2 bad input or options (one line on stderr); 130 stopped with "
-      "Ctrl-C; 1 internal failure.");
+      "Ctrl-C (no output written); 1 internal failure.");
   int threads = 0;
+  // Taken as soon as it is parsed, so that --version after it reports the count.
   app.add_option("--threads", threads, "Processors to use (default: all)")
-      ->check(CLI::Range(1, 4096));
+      ->check(CLI::Range(1, 4096))
+      ->trigger_on_parse();
+  bool progress = false, quiet = false;
+  app.add_flag("--progress", progress,
+               "Show the progress bar on stderr even when it is not a terminal");
+  app.add_flag("--quiet", quiet, "No progress bar and no hints on stderr (errors still show)");
+  std::string out_dir;
+  app.add_option("--out", out_dir,
+                 "Folder for every file the command writes (relative paths go there; made if "
+                 "missing)");
+  app.set_version_flag("--version", [&threads] { return VersionText(threads); },
+                       "Version, build type, BLAS and thread count");
 
   ModelOptions pca_options, pls_options;
   CLI::App* pca = app.add_subcommand("pca", "Principal component analysis with cross-validation");
@@ -98,7 +166,8 @@ int Run(int argc, char** argv) {
       ->check(CLI::Range(0.0, 1.0))
       ->capture_default_str();
   predict->add_option("--class", predict_options.class_column, "Column of classes for the plot");
-  predict->add_option("--output", predict_options.output, "Write scores and predictions as CSV");
+  predict->add_option("--output", predict_options.output, "Write scores and predictions as CSV")
+      ->check(kInExistingFolder);
   AddOutputs(predict, predict_options.out);
 
   ClusterOptions cluster_options;
@@ -117,6 +186,9 @@ int Run(int argc, char** argv) {
   cluster
       ->add_option("--clusters", cluster_options.clusters, "Cut the tree into this many clusters")
       ->check(CLI::Range(1, 1000000));
+  cluster->add_option("--output", cluster_options.output,
+                      "With --clusters: write each observation's cluster (and class) as CSV")
+      ->check(kInExistingFolder);
   AddOutputs(cluster, cluster_options.out);
 
   ChartOptions chart_options;
@@ -148,11 +220,24 @@ int Run(int argc, char** argv) {
       ->check(kInExistingFolder)
       ->capture_default_str();
 
+  CLI::App* completion = app.add_subcommand("completion", "Shell completion script");
+  completion->group("");  // hidden: `source <(mvda completion bash)`
+  std::string shell;
+  completion->add_option("shell", shell, "bash")->required()->check(CLI::IsMember({"bash"}));
+
+  for (CLI::App* command : app.get_subcommands({})) command->fallthrough();
+
   try {
     app.parse(argc, argv);
+    if (app.get_subcommands().empty()) {
+      throw CLI::ParseError("name a command: pca, pls, predict, cluster, chart or demo",
+                            kExitBadInput);
+    }
   } catch (const CLI::CallForHelp& e) {
     return app.exit(e);
   } catch (const CLI::CallForAllHelp& e) {
+    return app.exit(e);
+  } catch (const CLI::CallForVersion& e) {
     return app.exit(e);
   } catch (const CLI::ParseError& e) {
     std::cerr << "mvda: " << OneLine(e.what()) << " (see mvda --help)\n";
@@ -160,6 +245,23 @@ int Run(int argc, char** argv) {
   }
 
   try {
+    if (completion->parsed()) {
+      std::cout << BashCompletion(app);
+      return kExitOk;
+    }
+    SetUpConsole(progress, quiet);
+    PlaceOutputs(out_dir, {{"--save", &pca_options.save},
+                           {"--scores", &pca_options.scores},
+                           {"--report", &pca_options.out.report},
+                           {"--save", &pls_options.save},
+                           {"--scores", &pls_options.scores},
+                           {"--report", &pls_options.out.report},
+                           {"--output", &predict_options.output},
+                           {"--report", &predict_options.out.report},
+                           {"--output", &cluster_options.output},
+                           {"--report", &cluster_options.out.report},
+                           {"--report", &chart_options.out.report},
+                           {"--report", &demo_options.report}});
     if (threads > 0) {
       NCMultiThreading::ThreadingControl::SetNumberOfProcessors(threads);
       NCMultiThreading::ThreadingControl::SetThreadingIsOn(threads > 1);

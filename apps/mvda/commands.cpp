@@ -4,6 +4,9 @@
 
 #include <ostream>
 
+#include "column_names.h"
+#include "console.h"
+#include "csv_table.h"
 #include "fit_common.h"
 #include "output.h"
 #include "output_files.h"
@@ -46,9 +49,24 @@ void Finish(const Outputs& out, OutputFiles& files, const Result& result,
   if (!written.empty()) os << "\n";
 }
 
+// One row per observation: its name, its cluster and, with --class, its class.
+std::string MembershipCsv(const ClusterResult& r) {
+  const Dataset& d = r.data;
+  std::string csv = "name,cluster";
+  if (!d.classes.empty()) csv += "," + CsvField(d.class_name);
+  csv += "\n";
+  for (std::size_t i = 0; i < d.row_names.size(); ++i) {
+    csv += CsvField(d.row_names[i]) + "," + std::to_string(r.membership[i]);
+    if (!d.classes.empty()) csv += "," + CsvField(d.classes[i]);
+    csv += "\n";
+  }
+  return csv;
+}
+
 void RunModel(const ModelOptions& o, std::ostream& os, bool pls) {
   const CsvTable table = ReadCsv(o.file, TextColumns(o.class_column));
   Dataset data = SelectData(table, o.y, o.class_column, o.exclude);
+  Note(ClassLikeHint(data));
   const ModelResult result = pls ? FitPls(std::move(data), o.fit) : FitPca(std::move(data), o.fit);
   OutputFiles files;
   if (!o.save.empty()) {
@@ -78,6 +96,9 @@ void RunPls(const ModelOptions& o, std::ostream& os) {
 void RunPredict(const PredictOptions& o, std::ostream& os) {
   const ModelFile model = LoadModel(o.model);
   const CsvTable table = ReadCsv(o.file, TextColumns(o.class_column));
+  if (!o.class_column.empty() && table.Find(o.class_column) < 0) {
+    throw ToolError(NoSuchColumn(table.path, table.columns, o.class_column, "--class"));
+  }
   const PredictResult result = Predict(model, o.model, table, o.max_missing, o.class_column);
   OutputFiles files;
   if (!o.output.empty()) files.Write(o.output, PredictionsCsv(result));
@@ -86,10 +107,15 @@ void RunPredict(const PredictOptions& o, std::ostream& os) {
 }
 
 void RunCluster(const ClusterOptions& o, std::ostream& os) {
+  if (!o.output.empty() && o.clusters <= 0) {
+    throw ToolError("cluster --output " + o.output + ": say how many clusters with --clusters K");
+  }
   const CsvTable table = ReadCsv(o.file, TextColumns(o.class_column));
   Dataset data = SelectData(table, {}, o.class_column, o.exclude);
+  Note(ClassLikeHint(data));
   const ClusterResult result = Cluster(std::move(data), o.method, o.scaling, o.cache, o.clusters);
   OutputFiles files;
+  if (!o.output.empty()) files.Write(o.output, MembershipCsv(result));
   Finish(o.out, files, result, PrintCluster, ClusterJson, &Report::AddCluster,
          "mvda: cluster analysis of " + o.file, os);
 }

@@ -10,6 +10,10 @@
 
 #include "analysis.h"
 
+namespace CLI {
+class App;
+}
+
 namespace mvda::cli {
 
 struct Outputs {
@@ -43,6 +47,7 @@ struct ClusterOptions {
   std::vector<std::string> exclude;
   std::string cache;
   int clusters = 0;
+  std::string output;  // with clusters: the membership CSV
   Outputs out;
 };
 
@@ -63,6 +68,9 @@ void RunPredict(const PredictOptions& o, std::ostream& os);
 void RunCluster(const ClusterOptions& o, std::ostream& os);
 void RunChart(const ChartOptions& o, std::ostream& os);
 void RunDemo(const DemoOptions& o, std::ostream& os);
+
+// The bash completion script for the commands and options defined in `app`.
+std::string BashCompletion(const CLI::App& app);
 
 // The whole tool: parses argv, runs the sub-command, prints results to stdout and one line per
 // failure to stderr; returns the exit code.

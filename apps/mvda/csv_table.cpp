@@ -17,6 +17,7 @@
 
 #include <csv.h>
 
+#include "column_names.h"
 #include "fit_common.h"
 #include "tool_error.h"
 
@@ -92,7 +93,12 @@ struct Reader {
         return;
       }
       table.columns.push_back(name);
-      table.is_text.push_back(text_names.count(name) > 0);
+      table.is_text.push_back(false);
+    }
+    // Text columns are named as the user typed them: matched as every other column name is.
+    for (const std::string& text_name : text_names) {
+      const int j = MatchColumn(table.columns, text_name);
+      if (j >= 0) table.is_text[static_cast<std::size_t>(j)] = true;
     }
     if (names_offset == 1) table.names_header = header[0];
     table.text.assign(table.columns.size(), {});
@@ -213,10 +219,7 @@ std::string ReadWholeFile(const std::string& path) {
 
 }  // namespace
 
-int CsvTable::Find(const std::string& name) const {
-  const auto it = std::find(columns.begin(), columns.end(), name);
-  return it == columns.end() ? -1 : static_cast<int>(it - columns.begin());
-}
+int CsvTable::Find(const std::string& name) const { return MatchColumn(columns, name); }
 
 NCDataMatrix<float> CsvTable::Matrix(const std::vector<int>& selected) const {
   NCDataMatrix<float> m;

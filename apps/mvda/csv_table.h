@@ -28,7 +28,7 @@ struct CsvTable {
 
   int Rows() const { return static_cast<int>(row_names.size()); }
   int Columns() const { return static_cast<int>(columns.size()); }
-  // 0-based index of the column called `name`, or -1.
+  // 0-based index of the column called `name` (exactly, else ignoring letter case), or -1.
   int Find(const std::string& name) const;
   float At(int row, int column) const {
     return values[static_cast<std::size_t>(row) * columns.size() +

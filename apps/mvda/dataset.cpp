@@ -3,33 +3,82 @@
 #include <mvda/preprocess/scale.h>
 
 #include <algorithm>
+#include <cmath>
+#include <cstdio>
 #include <set>
 #include <string>
 
 #include "analysis.h"
+#include "column_names.h"
 #include "fit_common.h"
 #include "tool_error.h"
 
 namespace mvda::cli {
 namespace {
 
-std::string ColumnList(const CsvTable& table) {
-  std::string list;
-  for (int j = 0; j < table.Columns() && j < 12; ++j) list += (j ? ", " : "") + table.columns[j];
-  if (table.Columns() > 12) list += ", ...";
-  return list;
+int RequireColumn(const CsvTable& table, const std::string& name, const char* role) {
+  if (name.empty()) throw ToolError(std::string(role) + ": an empty column name");
+  const int j = table.Find(name);
+  if (j >= 0) return j;
+  // The names column is no variable, but it is what a newcomer sees first in the header.
+  if (!table.names_header.empty() && MatchColumn({table.names_header}, name) == 0) {
+    throw ToolError(table.path + ": '" + table.names_header + "' (" + role +
+                    ") holds the observation names, not a variable");
+  }
+  throw ToolError(NoSuchColumn(table.path, table.columns, name, role));
 }
 
-int RequireColumn(const CsvTable& table, const std::string& name, const char* role) {
-  const int j = table.Find(name);
-  if (j < 0) {
-    throw ToolError(table.path + ": no column '" + name + "' (" + role + "); the columns are " +
-                    ColumnList(table));
+// A column of a few distinct whole numbers looks like a code for groups (a cultivar, a batch)
+// rather than a measurement. Two values are left alone: a 0/1 or 1/2 column is as often a
+// real two-level factor that belongs in the model.
+constexpr std::size_t kMinCodes = 3, kMaxCodes = 10;
+
+bool LooksLikeClassCode(const Matrix& x, int column, std::set<float>& codes) {
+  int present = 0;
+  for (int i = 1; i <= x.SizeRows(); ++i) {
+    const float v = x[i][column];
+    if (v == -99.0f) continue;
+    if (v != std::floor(v)) return false;
+    ++present;
+    if (codes.insert(v).second && codes.size() > kMaxCodes) return false;
   }
-  return j;
+  return codes.size() >= kMinCodes && present >= 4 * static_cast<int>(codes.size());
 }
 
 }  // namespace
+
+std::string ClassLikeHint(const Dataset& data) {
+  std::vector<std::string> names;
+  std::string example;
+  for (int j = 1; j <= data.x.SizeColumns(); ++j) {
+    std::set<float> codes;
+    if (!LooksLikeClassCode(data.x, j, codes)) continue;
+    names.push_back(data.x_names[static_cast<std::size_t>(j - 1)]);
+    if (example.empty()) {
+      for (const float c : codes) {
+        char code[48];
+        std::snprintf(code, sizeof code, "%.0f", static_cast<double>(c));
+        example += (example.empty() ? "" : ", ") + std::string(code);
+      }
+    }
+  }
+  if (names.empty()) return std::string();
+  const std::string& first = names.front();
+  if (names.size() == 1) {
+    return "hint: '" + first + "' holds only the whole numbers " + example +
+           " and is analysed as a measurement; if it is a class code, name it with --class " +
+           first + " or leave it out with --exclude " + first;
+  }
+  std::string quoted, listed;
+  for (std::size_t i = 0; i < names.size(); ++i) {
+    quoted += (i ? ", '" : "'") + names[i] + "'";
+    listed += (i ? "," : "") + names[i];
+  }
+  return "hint: " + quoted +
+         " hold only a few whole numbers each and are analysed as measurements; if they are "
+         "class codes, name one with --class " + first + " or leave them out with --exclude " +
+         listed;
+}
 
 Dataset SelectData(const CsvTable& table, const std::vector<std::string>& y_columns,
                    const std::string& class_column, const std::vector<std::string>& excluded) {
@@ -48,12 +97,12 @@ Dataset SelectData(const CsvTable& table, const std::vector<std::string>& y_colu
       throw ToolError("--y " + name + ": the column is named twice or also excluded");
     }
     y.push_back(j);
-    data.y_names.push_back(name);
+    data.y_names.push_back(table.columns[static_cast<std::size_t>(j)]);
   }
   if (!class_column.empty()) {
     const int j = RequireColumn(table, class_column, "--class");
     taken.insert(j);
-    data.class_name = class_column;
+    data.class_name = table.columns[static_cast<std::size_t>(j)];
     data.classes = table.text[static_cast<std::size_t>(j)];
   }
   std::vector<int> x;

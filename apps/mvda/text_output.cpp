@@ -80,6 +80,22 @@ void PrintModelLine(std::ostream& os, const ModelResult& r, bool pls) {
     os << " (not even the first component is significant)";
   }
   os << "\n" << VerdictLegend(pls);
+  // Why this many components, and why a limit of zero, each in one line.
+  if (r.settings.components > 0) {
+    os << "  Kept: the " << r.settings.components
+       << " components asked for with --components, whatever their verdict.\n";
+  } else {
+    os << "  Kept: components fitted one at a time while " << r.settings.groups
+       << "-group cross-validation judged them significant (" << (pls ? "R1 or R2" : "R1")
+       << "); the first one that was not ends the model.\n";
+  }
+  const std::size_t n = static_cast<std::size_t>(r.data.x.SizeRows());
+  const bool zero_limit = std::any_of(r.rows.begin(), r.rows.end(),
+                                      [](const ComponentRow& row) { return row.q2_limit == 0; });
+  if (pls && zero_limit && n > 100) {
+    os << "  Q2 limit 0.000: with more than 100 observations (here " << n
+       << ") any Q2 above 0 counts; with 100 or fewer a component must pass 0.05.\n";
+  }
 }
 
 // A dendrogram on its side: leaves down the left, merge heights growing to the right. A large
@@ -249,24 +265,74 @@ void PrintPredict(std::ostream& os, const PredictResult& r) {
 
 void PrintCluster(std::ostream& os, const ClusterResult& r) {
   const Dataset& d = r.data;
+  const std::size_t n = d.row_names.size();
+  // A cluster by name: an observation's own, or the step that made it with its size.
+  auto name = [&](long cluster) {
+    if (cluster >= 1 && static_cast<std::size_t>(cluster) <= n) {
+      return d.row_names[static_cast<std::size_t>(cluster - 1)];
+    }
+    const std::size_t step = static_cast<std::size_t>(cluster) - n;
+    return "step " + std::to_string(step) + " (" + std::to_string(r.merges[step - 1].size) + ")";
+  };
+  std::vector<std::string> labels = d.row_names;
+  labels.push_back("step " + std::to_string(r.merges.size()) + " (" + std::to_string(n) + ")");
+  const std::size_t w = Widest(labels, 6) + 2;
   os << "Cluster analysis of " << d.path << "\n  " << d.x.SizeRows() << " observations, "
      << d.x.SizeColumns() << " variables; scaling " << r.scaling << ", method " << r.method
-     << "\n\n  Merges: " << r.merges.size() << "\n  Step     Joined     Joined       Into"
-     << "        Height   Size\n";
+     << "\n\n  Merges: " << r.merges.size() << "\n  Step  " << Pad("Joined", w, true)
+     << Pad("with", w, true) << "      Height   Size\n";
   for (std::size_t k = 0; k < r.merges.size(); ++k) {
     const auto& m = r.merges[k];
-    os << Pad(std::to_string(k + 1), 6) << Pad(std::to_string(m.a), 11)
-       << Pad(std::to_string(m.b), 11) << Pad(std::to_string(m.merged), 11)
-       << Pad(General(m.height), 14) << Pad(std::to_string(m.size), 7) << "\n";
+    os << Pad(std::to_string(k + 1), 6) << "  " << Pad(name(m.a), w, true)
+       << Pad(name(m.b), w, true) << Pad(General(m.height), 12) << Pad(std::to_string(m.size), 7)
+       << "\n";
   }
-  os << "  (clusters 1.." << d.x.SizeRows() << " are the observations in file order; merge k makes "
-     << "cluster " << d.x.SizeRows() << " + k)\n\n";
+  os << "  (step k (m): the cluster of m observations made at step k)\n\n";
   os << "  Dendrogram";
   if (r.leaf_order.size() > static_cast<std::size_t>(kMaxLeaves)) {
     os << ", its top " << kMaxLeaves << " clusters (every leaf: --report)";
   }
   os << (r.cut > 0 ? "; (k): cluster k of the cut" : "") << "\n";
   PrintDendrogram(os, r);
+  if (r.membership.empty()) {
+    if (!d.classes.empty()) {
+      os << "\n  (--clusters K cuts the tree into K clusters and shows them against "
+         << d.class_name << ")\n";
+    }
+    return;
+  }
+
+  int clusters = 0;
+  for (const int c : r.membership) clusters = std::max(clusters, c);
+  std::vector<int> sizes(static_cast<std::size_t>(clusters) + 1, 0);
+  for (const int c : r.membership) ++sizes[static_cast<std::size_t>(c)];
+  os << "\n  " << clusters << " clusters, numbered from left to right in the dendrogram; sizes ";
+  for (int c = 1; c <= clusters; ++c) {
+    os << (c > 1 ? ", " : "") << c << ": " << sizes[static_cast<std::size_t>(c)];
+  }
+  os << "\n";
+  if (d.classes.empty()) return;
+  // Cluster by class: how well the cut finds the known groups. Classes in the order they first
+  // appear in the file.
+  std::vector<std::string> classes;
+  for (const std::string& c : d.classes) {
+    if (std::find(classes.begin(), classes.end(), c) == classes.end()) classes.push_back(c);
+  }
+  const std::size_t cw = std::max<std::size_t>(Widest(classes, 5) + 2, 7);
+  os << "\n  Clusters against " << d.class_name << " (observations)\n  Cluster";
+  for (const std::string& c : classes) os << Pad(c, cw);
+  os << Pad("Total", cw) << "\n";
+  for (int c = 1; c <= clusters; ++c) {
+    os << Pad(std::to_string(c), 9);
+    for (const std::string& cls : classes) {
+      int count = 0;
+      for (std::size_t i = 0; i < n; ++i) {
+        count += r.membership[i] == c && d.classes[i] == cls;
+      }
+      os << Pad(std::to_string(count), cw);
+    }
+    os << Pad(std::to_string(sizes[static_cast<std::size_t>(c)]), cw) << "\n";
+  }
 }
 
 void PrintChart(std::ostream& os, const ChartResult& r) {
@@ -275,13 +341,28 @@ void PrintChart(std::ostream& os, const ChartResult& r) {
      << "; limits from the first " << r.baseline << "\n  target " << General(r.target) << ", sigma "
      << General(r.sigma);
   if (r.lambda != kMissing) os << ", lambda " << General(r.lambda);
-  os << "\n\n";
+  os << "\n";
+  if (!r.sigma_note.empty()) os << "  (" << r.sigma_note << ")\n";
+  os << "\n";
   for (const auto& p : r.panels) {
     os << "  " << Pad(p.name, 7, true) << " centre " << Pad(General(p.centre), 10) << "   LCL "
        << Pad(General(p.lower), 10) << "   UCL " << Pad(General(p.upper), 10) << "\n";
     os << "          outside the limits: ";
     if (p.outside.empty()) os << "none";
-    for (std::size_t i = 0; i < p.outside.size(); ++i) os << (i ? ", " : "") << p.outside[i];
+    // By name: a single value is an observation; a subgroup, its number and its first and last.
+    for (std::size_t i = 0; i < p.outside.size(); ++i) {
+      const std::size_t first = static_cast<std::size_t>(p.outside[i] - 1) *
+                                static_cast<std::size_t>(r.subgroup);
+      const std::size_t last = first + static_cast<std::size_t>(r.subgroup) - 1;
+      os << (i ? ", " : "");
+      if (last >= r.row_names.size()) {
+        os << p.outside[i];
+      } else if (r.subgroup == 1) {
+        os << r.row_names[first];
+      } else {
+        os << p.outside[i] << " (" << r.row_names[first] << "-" << r.row_names[last] << ")";
+      }
+    }
     os << "\n";
   }
 }

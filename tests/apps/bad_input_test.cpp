@@ -58,8 +58,9 @@ TEST(BadInput, OneLineOnStderrExitCodeTwoAndNoFiles) {
            ":4:2: cell 'oops' in column 'a' is not a number (missing values are empty, NA or -99)"},
       {"unknown Y column",
        {"pls", diabetes, "--y", "Progresion"},
-       diabetes + ": no column 'Progresion' (--y); the columns are Age, Sex, BMI, BP, TC, LDL, "
-                  "HDL, TCH, LTG, GLU, Progression"},
+       diabetes + ": no column 'Progresion' (--y); did you mean 'Progression'? The 11 columns "
+                  "are: 'Age', 'Sex', 'BMI', 'BP', 'TC', 'LDL', 'HDL', 'TCH', 'LTG', 'GLU', "
+                  "'Progression'"},
       {"CSV file given as a model",
        {"predict", wine, wine},
        wine + ": not an mvda model file (save one with pca or pls --save)"},

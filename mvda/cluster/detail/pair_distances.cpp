@@ -186,6 +186,10 @@ void InitDistancesThreadClass::operator()() noexcept {
   if (first_ > last_) return;
   DistanceAndIndex* out = list_ + PairIndex(first_, first_ + 1, n);
   for (int i = first_; i <= last_ && i < n; ++i) {
+    if (stop_ && stop_->IsBreakPressed()) {
+      stopped_ = true;
+      return;
+    }
     rows_->RowDistances(i, i + 1, n, fn_, out);
     if (counts_) {
       // The row's entries are still in the cache.
@@ -336,7 +340,11 @@ void ComputeDistanceList(const NCDataMatrix<float>& data, PairFunctions fn, NCPr
         rows, fn, bands[b].first, bands[b].second, list.data(),
         counts ? counts->counts.data() + (b << counts->bits) : nullptr, counts ? counts->bits : 0,
         counts && !counts->low.empty() ? &counts->low[b] : nullptr, counts ? counts->low_bins : 0);
+  NCProgress stop_request;  // sees the request made to all computations
+  for (InitDistancesThreadClass& worker : workers) worker.StopOn(&stop_request);
   if (!workers.empty()) RunOnThreads(workers);
+  for (const InitDistancesThreadClass& worker : workers)
+    if (worker.Stopped()) throw NCError("Cluster analysis aborted.", NCError::kStopRequested);
   if (counts)
     for (const InitDistancesThreadClass& worker : workers)
       if (worker.LowFailed()) counts->low.clear(), counts->low_bins = 0;

@@ -110,6 +110,12 @@ class InitDistancesThreadClass {
   void operator()() noexcept;
   // Whether the copies could not all be kept (memory); `low` is then emptied.
   bool LowFailed() const { return low_failed_; }
+  // With `stop` (a plain NCProgress, whose IsBreakPressed only reads atomics), the worker looks
+  // at it per row and leaves its band unfinished on a stop request to all computations
+  // (NCProgress::RequestBreakAll, Ctrl-C): a stop is honoured within a row's time rather than
+  // the whole list's. The host's own reporter is never asked from the worker threads.
+  void StopOn(NCProgress* stop) { stop_ = stop; }
+  bool Stopped() const { return stopped_; }
 
  private:
   const RowTable* rows_;
@@ -121,6 +127,8 @@ class InitDistancesThreadClass {
   DistanceList* low_;
   int low_bins_;
   bool low_failed_ = false;
+  NCProgress* stop_ = nullptr;
+  bool stopped_ = false;
 };
 
 // Records first .. first+count-1 of the list, by `threads` boost threads over equal shares.

@@ -55,6 +55,9 @@ struct NCPCA::Kernel {
   // Of the last fit: E'E q with t = E q, and t't, which deflate the Gram matrix.
   std::vector<double> gq;
   double tt = 0;
+  // The cross-validation's Gram matrices of the observation groups, deflated with the model.
+  std::vector<int> groupCodes;
+  std::vector<std::vector<double>> groupGrams;
 };
 
 // ---------------------------------------------------------------------------------------------
@@ -219,6 +222,23 @@ void NCPCA::CalculateResiduals() {
         double* row = kn.gram.data() + static_cast<std::size_t>(j) * k;
         for (int l = 0; l < k; ++l) row[l] += -pd[j] * g[l] - g[j] * pd[l] + kn.tt * pd[j] * pd[l];
       });
+      // Each group's own rows E_g likewise: E_g't_g = E_g'E_g q with q = p / p'p.
+      if (!kn.groupGrams.empty()) {
+        double pp = 0;
+        for (int j = 0; j < k; ++j) pp += pd[j] * pd[j];
+        std::vector<double> q(k), gq(k);
+        for (int j = 0; j < k; ++j) q[j] = pd[j] / pp;
+        for (std::vector<double>& own : kn.groupGrams) {
+          mvda::detail::SymmetricTimes(own, k, q.data(), gq.data());
+          double tt = 0;
+          for (int j = 0; j < k; ++j) tt += q[j] * gq[j];
+          mvda::detail::ParallelFor(k, [&](int j) {
+            double* row = own.data() + static_cast<std::size_t>(j) * k;
+            for (int l = 0; l < k; ++l)
+              row[l] += -pd[j] * gq[l] - gq[j] * pd[l] + tt * pd[j] * pd[l];
+          });
+        }
+      }
       kn.deflated.push_back(a);
       return;
     }
@@ -364,6 +384,29 @@ const NCPCA::Matrix* NCPCA::GetResiduals() const {
 }
 
 bool NCPCA::IsFittingOnGram() const { return kernel_->live; }
+
+const std::vector<std::vector<double>>* NCPCA::GetGroupGrams(const GroupVector& codes,
+                                                             int groups) const {
+  Kernel& kn = *kernel_;
+  if (!kn.live || groups < 1) return nullptr;
+  const int rows = kn.base.SizeRows();
+  if (codes.Size() != rows) return nullptr;
+  const std::vector<int> wanted(codes.GetPtr() + 1, codes.GetPtr() + 1 + rows);
+  if (wanted == kn.groupCodes && static_cast<int>(kn.groupGrams.size()) == groups)
+    return &kn.groupGrams;
+  std::vector<std::vector<int>> sets(static_cast<std::size_t>(groups));
+  for (int i = 0; i < rows; ++i) {
+    if (wanted[i] < 0 || wanted[i] >= groups) return nullptr;
+    sets[static_cast<std::size_t>(wanted[i])].push_back(i);
+  }
+  Complete(true);
+  std::vector<mvda::detail::CrossProducts> own =
+      mvda::detail::FormCrossProducts(*residuals_, nullptr, sets);
+  kn.groupGrams.clear();
+  for (mvda::detail::CrossProducts& c : own) kn.groupGrams.push_back(std::move(c.xx));
+  kn.groupCodes = wanted;
+  return &kn.groupGrams;
+}
 
 void NCPCA::SetGramIterations(bool on) {
   if (!on) LeaveGram();

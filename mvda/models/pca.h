@@ -11,6 +11,7 @@
 #include <mvda/platform/stream.h>
 
 #include <memory>
+#include <vector>
 
 // The model keeps the loadings P' (one row per component, one column per variable), the scores T'
 // (one row per component, one column per observation) and the residual matrix E, which starts as
@@ -106,6 +107,11 @@ class MVDA_EXPORT NCPCA : public UStreamBase {
   // Whether the last fit ran on the Gram matrix and its deferred work stands (false after a fit
   // on E).
   bool IsFittingOnGram() const;
+  // For the cross-validation: the Gram matrices (K x K, row-major, double) of the residual rows of
+  // each observation group (codes 0..groups-1, one per row), formed at the first call and then
+  // deflated with the model, so that later components need no pass over the data for them. Null
+  // while the fits do not run on the Gram matrix. Valid until the next call on the model.
+  const std::vector<std::vector<double>>* GetGroupGrams(const GroupVector& codes, int groups) const;
 
   // --- Stream (pca_stream.cpp): record "NCPCA" version 2 and a directory of P' (entry 0), T' (1)
   // and E (2) as NCDataMatrix<float> objects, the maximum of iterations (3) and the iterations of

@@ -248,8 +248,10 @@ void PCACrossValidation::NextComponent(const Vector& reference, NCProgress* prog
   // it: at the sizes where progress matters, the batch for one component takes a fraction of a
   // second, so the replay costs the host no responsiveness. A stop answered in the replay, or a
   // fit that failed, throws where that fit would have.
-  const mvda::detail::PcaGroupFits fits = mvda::detail::FitPcaGroups(
-      E, p, t, observation_groups_, variable_groups_, G, limit, model_->GetGramIterations());
+  const bool gram = model_->GetGramIterations();
+  const mvda::detail::PcaGroupFits fits =
+      mvda::detail::FitPcaGroups(E, p, t, observation_groups_, variable_groups_, G, limit, gram,
+                                 gram ? model_->GetGroupGrams(observation_groups_, G) : nullptr);
 
   // Built aside, so that a stop leaves the previous results in place.
   Matrix pset(0, cols, 0.0f), tset(0, rows, 0.0f);

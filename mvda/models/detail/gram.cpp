@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstring>
+#include <memory>
 #include <type_traits>
 
 #include <cblas.h>
@@ -26,34 +27,42 @@ constexpr double kDoubleWork = 1 << 25;
 // the columns and run general products.
 constexpr int kWave = 4;
 
-std::vector<double> GramBySyrk(const float* const* rows, int k, int n) {
+// Written whole before they are read, so left uninitialised: zeroing them, or mapping fresh
+// pages for every set of rows, would cost as much as the products. One workspace serves every
+// set of a call.
+struct Slot {
+  std::unique_ptr<float[]> packed, product;
+};
+
+std::vector<double> GramBySyrk(const float* const* rows, int k, int n, std::vector<Slot>& slots) {
   const std::size_t kk = static_cast<std::size_t>(k) * k;
   std::vector<double> sum(kk, 0.0);
   if (k == 0) return sum;
   const int blocks = (n + kGramBlockRows - 1) / kGramBlockRows;
-  struct Slot {
-    std::vector<float> packed, product;
-  };
-  std::vector<Slot> slots(kWave);
+  if (slots.empty()) {
+    slots.resize(kWave);
+    for (Slot& slot : slots) {
+      slot.packed.reset(new float[static_cast<std::size_t>(kGramBlockRows) * k]);
+      slot.product.reset(new float[kk]);
+    }
+  }
   for (int wave = 0; wave < blocks; wave += kWave) {
     const int width = std::min(kWave, blocks - wave);
     ParallelFor(width, [&](int w) {
       const int first = (wave + w) * kGramBlockRows, count = std::min(kGramBlockRows, n - first);
       Slot& slot = slots[static_cast<std::size_t>(w)];
-      slot.packed.resize(static_cast<std::size_t>(count) * k);
       for (int r = 0; r < count; ++r)
-        std::memcpy(slot.packed.data() + static_cast<std::size_t>(r) * k, rows[first + r],
+        std::memcpy(slot.packed.get() + static_cast<std::size_t>(r) * k, rows[first + r],
                     sizeof(float) * k);
-      slot.product.resize(kk);
-      cblas_ssyrk(CblasRowMajor, CblasUpper, CblasTrans, k, count, 1.0f, slot.packed.data(), k,
-                  0.0f, slot.product.data(), k);
+      cblas_ssyrk(CblasRowMajor, CblasUpper, CblasTrans, k, count, 1.0f, slot.packed.get(), k, 0.0f,
+                  slot.product.get(), k);
     });
     // Rows of the sum are independent; each adds the wave's blocks in block order.
     ParallelFor((k + 63) / 64, [&](int band) {
       for (int j = band * 64; j < std::min(k, band * 64 + 64); ++j)
         for (int w = 0; w < width; ++w) {
           const float* from =
-              slots[static_cast<std::size_t>(w)].product.data() + static_cast<std::size_t>(j) * k;
+              slots[static_cast<std::size_t>(w)].product.get() + static_cast<std::size_t>(j) * k;
           double* to = sum.data() + static_cast<std::size_t>(j) * k;
           for (int l = j; l < k; ++l) to[l] += from[l];
         }
@@ -66,9 +75,10 @@ std::vector<double> GramBySyrk(const float* const* rows, int k, int n) {
 }
 
 template <class T>
-std::vector<double> Product(const T* const* a, int aCols, const T* const* b, int bCols, int rows) {
+std::vector<double> Product(const T* const* a, int aCols, const T* const* b, int bCols, int rows,
+                            std::vector<Slot>& slots) {
   if constexpr (std::is_same_v<T, float>)
-    if (!b) return GramBySyrk(a, aCols, rows);
+    if (!b) return GramBySyrk(a, aCols, rows, slots);
   std::vector<T> out(static_cast<std::size_t>(aCols) * (b ? bCols : aCols), T(0));
   BlockedCrossProduct(a, aCols, b, bCols, rows, out.data());
   return {out.begin(), out.end()};
@@ -77,7 +87,7 @@ std::vector<double> Product(const T* const* a, int aCols, const T* const* b, int
 // X'X, and X'Y and Y'Y with Y, of the listed rows, in precision T.
 template <class T>
 void Products(const std::vector<const float*>& xs, int k, const std::vector<const float*>& ys,
-              int m, bool withY, CrossProducts& to) {
+              int m, bool withY, CrossProducts& to, std::vector<Slot>& slots) {
   const int n = static_cast<int>(xs.size());
   std::vector<std::vector<T>> xCopy, yCopy;
   std::vector<const T*> x(xs.size()), y(withY ? ys.size() : 0);
@@ -96,10 +106,10 @@ void Products(const std::vector<const float*>& xs, int k, const std::vector<cons
       }
     }
   }
-  to.xx = Product<T>(x.data(), k, nullptr, 0, n);
+  to.xx = Product<T>(x.data(), k, nullptr, 0, n, slots);
   if (withY) {
-    to.xy = Product<T>(x.data(), k, y.data(), m, n);
-    to.yy = Product<T>(y.data(), m, nullptr, 0, n);
+    to.xy = Product<T>(x.data(), k, y.data(), m, n, slots);
+    to.yy = Product<T>(y.data(), m, nullptr, 0, n, slots);
   }
 }
 
@@ -112,6 +122,7 @@ std::vector<CrossProducts> FormCrossProducts(const NCDataMatrix<float>& x,
   const std::size_t sets = rowSets.empty() ? 1 : rowSets.size();
   std::vector<CrossProducts> out(sets);
   std::vector<const float*> xs, ys;
+  std::vector<Slot> slots;
   for (std::size_t s = 0; s < sets; ++s) {
     const int n = rowSets.empty() ? x.SizeRows() : static_cast<int>(rowSets[s].size());
     xs.resize(static_cast<std::size_t>(n));
@@ -125,9 +136,9 @@ std::vector<CrossProducts> FormCrossProducts(const NCDataMatrix<float>& x,
     to.k = k;
     to.m = m;
     if (static_cast<double>(x.SizeRows()) * k * (k + m) <= kDoubleWork)
-      Products<double>(xs, k, ys, m, y != nullptr, to);
+      Products<double>(xs, k, ys, m, y != nullptr, to, slots);
     else
-      Products<float>(xs, k, ys, m, y != nullptr, to);
+      Products<float>(xs, k, ys, m, y != nullptr, to, slots);
   }
   return out;
 }
@@ -139,15 +150,13 @@ void RowProducts(const NCDataMatrix<float>& x, const float* v, int q, float* out
     std::fill(out, out + static_cast<std::size_t>(n) * q, 0.0f);
     return;
   }
+  // Row by row, v'x_i: v (K x q) stays in cache, and the rows are read where they lie.
   const int blocks = (n + kGramBlockRows - 1) / kGramBlockRows;
   ParallelFor(blocks, [&](int b) {
-    const int first = b * kGramBlockRows, count = std::min(kGramBlockRows, n - first);
-    std::vector<float> packed(static_cast<std::size_t>(count) * k);
-    for (int r = 0; r < count; ++r)
-      std::memcpy(packed.data() + static_cast<std::size_t>(r) * k, x[first + r + 1].GetVector() + 1,
-                  sizeof(float) * k);
-    cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, count, q, k, 1.0f, packed.data(), k, v,
-                q, 0.0f, out + static_cast<std::size_t>(first) * q, q);
+    const int first = b * kGramBlockRows, last = std::min(n, first + kGramBlockRows);
+    for (int i = first; i < last; ++i)
+      cblas_sgemv(CblasRowMajor, CblasTrans, k, q, 1.0f, v, q, x[i + 1].GetVector() + 1, 1, 0.0f,
+                  out + static_cast<std::size_t>(i) * q, 1);
   });
 }
 

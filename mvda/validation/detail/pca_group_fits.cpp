@@ -119,16 +119,21 @@ std::vector<double> ColumnProducts(const NCDataMatrix<float>& E, const Vector& t
 // E forms the scores of all fits.
 PcaGroupFits FitOnGram(const NCDataMatrix<float>& E, const Vector& p, const Vector& t,
                        const Groups& observationGroups, const Groups& variableGroups, int groups,
-                       int limit) {
+                       int limit, const std::vector<std::vector<double>>* groupGrams) {
   const int rows = E.SizeRows(), k = E.SizeColumns();
   const std::size_t kk = static_cast<std::size_t>(k) * k;
   std::vector<std::vector<int>> sets(static_cast<std::size_t>(groups));
   for (int i = 1; i <= rows; ++i)
     sets[static_cast<std::size_t>(observationGroups[i])].push_back(i - 1);
-  const std::vector<CrossProducts> own = FormCrossProducts(E, nullptr, sets);
+  std::vector<std::vector<double>> formed;
+  if (!groupGrams) {
+    for (CrossProducts& c : FormCrossProducts(E, nullptr, sets)) formed.push_back(std::move(c.xx));
+    groupGrams = &formed;
+  }
+  const std::vector<std::vector<double>>& own = *groupGrams;
   std::vector<double> whole(kk, 0.0);
-  for (const CrossProducts& c : own)
-    for (std::size_t e = 0; e < kk; ++e) whole[e] += c.xx[e];
+  for (const std::vector<double>& c : own)
+    for (std::size_t e = 0; e < kk; ++e) whole[e] += c[e];
 
   PcaGroupFits fits;
   fits.withoutRows.resize(static_cast<std::size_t>(groups));
@@ -154,7 +159,7 @@ PcaGroupFits FitOnGram(const NCDataMatrix<float>& E, const Vector& p, const Vect
       FitOneRow(E, row, fit);
       continue;
     }
-    const std::vector<double>& mine = own[static_cast<std::size_t>(g)].xx;
+    const std::vector<double>& mine = own[static_cast<std::size_t>(g)];
     for (std::size_t e = 0; e < kk; ++e) without[e] = whole[e] - mine[e];
     SymmetricTimes(without, k, q0.data(), v0.data());
     double tt0 = 0;
@@ -223,11 +228,12 @@ void PcaGroupFit::Replay(NCProgress& reporter) const {
 
 PcaGroupFits FitPcaGroups(const NCDataMatrix<float>& E, const Vector& p, const Vector& t,
                           const Groups& observationGroups, const Groups& variableGroups, int groups,
-                          int limit, bool gram) {
+                          int limit, bool gram,
+                          const std::vector<std::vector<double>>* groupGrams) {
   const int rows = E.SizeRows(), cols = E.SizeColumns();
   if (gram && E.GetNumMisVal() == 0 && p.GetNumMisVal() == 0 && t.GetNumMisVal() == 0 &&
       rows >= cols && rows > 1)
-    return FitOnGram(E, p, t, observationGroups, variableGroups, groups, limit);
+    return FitOnGram(E, p, t, observationGroups, variableGroups, groups, limit, groupGrams);
   const BatchedRegressions x(E);
   PcaGroupFits fits;
   fits.withoutRows.resize(static_cast<std::size_t>(groups));

@@ -46,11 +46,13 @@ struct PcaGroupFits {
 // rows as columns are fitted on Gram matrices instead (the Gram matrix without a group is the whole
 // one less the group's own), with the same iterations to float precision. Thread-safety: reads its
 // arguments only; the products run on the library's team with the same bits for any team size.
+// groupGrams, when given, are the Gram matrices of E's rows of each observation group (as
+// NCPCA::GetGroupGrams keeps them); else they are formed here.
 PcaGroupFits FitPcaGroups(const NCDataMatrix<float>& E, const NCDataVector<float>& p,
                           const NCDataVector<float>& t,
                           const NCIntegralVector<int, -99>& observationGroups,
                           const NCIntegralVector<int, -99>& variableGroups, int groups, int limit,
-                          bool gram);
+                          bool gram, const std::vector<std::vector<double>>* groupGrams);
 
 }  // namespace mvda::detail
 

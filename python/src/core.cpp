@@ -1,0 +1,563 @@
+// mvda._core: the command-line tool's analyses for Python. The fits, prediction, clustering,
+// control charts and the model file are the tool's own functions (apps/mvda); this file only
+// converts arrays and runs the long calls so that Python stays responsive.
+//
+// A long call runs on a worker thread. The calling thread gives up the GIL and wakes every 50 ms
+// to look for Ctrl-C (PyErr_CheckSignals, which runs Python's handler) and to hand the progress to
+// the caller's callback. A stop is asked through the library's own mechanism: every NCProgress
+// the call creates answers IsBreakPressed, so the fit ends at its next iteration with the
+// library's stop error, and the KeyboardInterrupt (or the callback's exception) is raised once the
+// worker has finished, leaving nothing running and nothing global changed for the next call.
+#include <pybind11/numpy.h>
+#include <pybind11/pybind11.h>
+#include <pybind11/stl.h>
+
+#include <mvda/containers/multi_threading.h>
+#include <mvda/platform/error.h>
+#include <mvda/platform/progress.h>
+#include <mvda/platform/stream.h>
+
+#include <atomic>
+#include <chrono>
+#include <climits>
+#include <cmath>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "analysis.h"
+#include "model_file.h"
+#include "output_files.h"
+#include "tool_error.h"
+
+namespace py = pybind11;
+using mvda::cli::ModelFile;
+using Matrix = NCDataMatrix<float>;
+using FloatArray = py::array_t<float, py::array::c_style | py::array::forcecast>;
+
+namespace {
+
+constexpr float kMissing = -99.0f;
+
+// ------------------------------------------------------------------------------------------------
+// Long calls
+
+// What a running call shares between its worker and the thread waiting for it.
+struct Call {
+  std::atomic<bool> stop{false};
+  std::atomic<double> fraction{0.0};
+  std::mutex text_lock;
+  std::string text;
+};
+
+thread_local Call* current_call = nullptr;
+
+// The reporter of one step of a call: records where the step is and answers the call's stop.
+class CallProgress : public NCProgress {
+ public:
+  CallProgress(Call* call, const std::string& text, double min, double max)
+      : NCProgress(text, min, max), call_(call) {
+    Changed();
+  }
+  bool IsBreakPressed() override { return call_->stop.load() || NCProgress::IsBreakPressed(); }
+
+ protected:
+  void Changed() override {
+    call_->fraction.store(Fraction());
+    std::lock_guard<std::mutex> guard(call_->text_lock);
+    if (call_->text != GetText()) call_->text = GetText();
+  }
+
+ private:
+  Call* call_;
+};
+
+// Every reporter the library makes for itself while a call runs on this thread belongs to the
+// call; elsewhere (threads the library starts, or no call) a silent one, as there is no terminal.
+std::shared_ptr<NCProgress> MakeProgress(const std::string& text, double min, double max) {
+  if (current_call) return std::make_shared<CallProgress>(current_call, text, min, max);
+  return std::make_shared<NCProgress>(text, min, max);
+}
+
+// The thread count of one call. The library's processor count is process-wide; it is restored
+// afterwards. The OpenMP team size belongs to the thread that sets it, so the worker always
+// applies the library's setting to itself.
+class ThreadScope {
+ public:
+  explicit ThreadScope(int threads)
+      : processors_(NCMultiThreading::ThreadingControl::GetNumberOfProcessors()),
+        on_(NCMultiThreading::ThreadingControl::IsThreadingOn()),
+        changed_(threads > 0) {
+    if (changed_) NCMultiThreading::ThreadingControl::SetNumberOfProcessors(threads);
+    NCMultiThreading::ThreadingControl::SetThreadingIsOn(changed_ ? threads > 1 : on_);
+  }
+  ~ThreadScope() {
+    if (!changed_) return;
+    NCMultiThreading::ThreadingControl::SetNumberOfProcessors(processors_);
+    NCMultiThreading::ThreadingControl::SetThreadingIsOn(on_);
+  }
+  ThreadScope(const ThreadScope&) = delete;
+  ThreadScope& operator=(const ThreadScope&) = delete;
+
+ private:
+  int processors_;
+  bool on_;
+  bool changed_;
+};
+
+// Runs work() on a worker thread as described at the top; called with the GIL held.
+template <class Result>
+Result RunLong(const std::function<Result()>& work, const py::object& callback, int threads) {
+  Call call;
+  std::optional<Result> result;
+  std::exception_ptr error, python_error;
+  std::mutex lock;
+  std::condition_variable finished;
+  bool done = false;
+  const bool report = !callback.is_none();
+  {
+    py::gil_scoped_release release;
+    std::thread worker([&] {
+      current_call = &call;
+      try {
+        ThreadScope scope(threads);
+        result.emplace(work());
+      } catch (...) {
+        error = std::current_exception();
+      }
+      current_call = nullptr;
+      std::lock_guard<std::mutex> guard(lock);
+      done = true;
+      finished.notify_all();
+    });
+    std::unique_lock<std::mutex> waiting(lock);
+    while (!done) {
+      finished.wait_for(waiting, std::chrono::milliseconds(50));
+      if (done || call.stop.load()) continue;
+      waiting.unlock();
+      {
+        py::gil_scoped_acquire gil;
+        try {
+          if (PyErr_CheckSignals() != 0) throw py::error_already_set();
+          if (report) {
+            std::string text;
+            {
+              std::lock_guard<std::mutex> guard(call.text_lock);
+              text = call.text;
+            }
+            callback(text, call.fraction.load());
+          }
+        } catch (...) {
+          python_error = std::current_exception();
+          call.stop.store(true);
+        }
+      }
+      waiting.lock();
+    }
+    waiting.unlock();
+    worker.join();
+  }
+  // The caller's interruption wins over what the stopped fit threw.
+  if (python_error) std::rethrow_exception(python_error);
+  if (error) std::rethrow_exception(error);
+  return std::move(*result);
+}
+
+// ------------------------------------------------------------------------------------------------
+// Arrays
+
+// Rows of a float32 C-contiguous array (the Python side hands every input over as one, without a
+// copy when it already is), NaN becoming the library's missing marker. The marker itself and
+// infinities are refused: either would be read as something the caller did not mean.
+Matrix ToMatrix(const FloatArray& a, const char* what) {
+  if (a.ndim() != 2) throw mvda::cli::ToolError(std::string(what) + ": a 2-D array is expected");
+  if (a.shape(0) > INT_MAX || a.shape(1) > INT_MAX) {
+    throw mvda::cli::ToolError(std::string(what) + ": too many rows or columns");
+  }
+  const int n = static_cast<int>(a.shape(0)), k = static_cast<int>(a.shape(1));
+  Matrix m(0, k, 0.0f);
+  m.ReserveRows(n);
+  const float* source = a.data();
+  for (int i = 0; i < n; ++i) {
+    NCDataVector<float> row(k, 0.0f);
+    float* out = row.GetVector();
+    int missing = 0;
+    for (int j = 0; j < k; ++j) {
+      const float v = source[static_cast<std::size_t>(i) * static_cast<std::size_t>(k) +
+                             static_cast<std::size_t>(j)];
+      if (std::isnan(v)) {
+        out[j + 1] = kMissing;
+        ++missing;
+        continue;
+      }
+      if (v == kMissing || std::isinf(v)) {
+        throw mvda::cli::ToolError(std::string(what) + ": row " + std::to_string(i) +
+                                   ", column " + std::to_string(j) + ": " +
+                                   (std::isinf(v) ? "infinite value" : "the value -99") +
+                                   " (-99 marks missing values in mvda; use NaN)");
+      }
+      out[j + 1] = v;
+    }
+    row.SetNumMisVal(missing);
+    m.push_back(row);
+  }
+  if (n == 0) m = Matrix(0, k, 0.0f);
+  return m;
+}
+
+// A matrix as float64 rows (or columns, transposed), -99 becoming NaN.
+py::array_t<double> ToArray(const Matrix& m, bool transpose) {
+  const py::ssize_t rows = m.SizeRows(), cols = m.SizeColumns();
+  py::array_t<double> out(transpose ? std::vector<py::ssize_t>{cols, rows}
+                                    : std::vector<py::ssize_t>{rows, cols});
+  auto view = out.mutable_unchecked<2>();
+  for (py::ssize_t i = 0; i < rows; ++i) {
+    const auto& row = m[static_cast<int>(i) + 1];
+    for (py::ssize_t j = 0; j < cols; ++j) {
+      const float v = row[static_cast<int>(j) + 1];
+      const double d = v == kMissing ? std::nan("") : static_cast<double>(v);
+      if (transpose) {
+        view(j, i) = d;
+      } else {
+        view(i, j) = d;
+      }
+    }
+  }
+  return out;
+}
+
+py::array_t<double> ToArray(const NCDataVector<float>& v, double none) {
+  py::array_t<double> out(v.Size());
+  auto view = out.mutable_unchecked<1>();
+  for (int i = 1; i <= v.Size(); ++i) view(i - 1) = v[i] == kMissing ? none : v[i];
+  return out;
+}
+
+std::vector<std::string> Names(const NCStringVector& names) {
+  std::vector<std::string> out;
+  for (int j = 1; j <= names.Size(); ++j) out.push_back(names[j]);
+  return out;
+}
+
+std::vector<std::string> Numbered(int n) {
+  std::vector<std::string> out;
+  out.reserve(static_cast<std::size_t>(n));
+  for (int i = 1; i <= n; ++i) out.push_back(std::to_string(i));
+  return out;
+}
+
+// A table as the tool reads one from a CSV file: the given columns, observations numbered.
+mvda::cli::CsvTable Table(const Matrix& x, const std::vector<std::string>& names) {
+  mvda::cli::CsvTable table;
+  table.path = "X";
+  table.row_names = Numbered(x.SizeRows());
+  table.columns = names;
+  table.is_text.assign(names.size(), false);
+  table.text.assign(names.size(), {});
+  table.values.reserve(static_cast<std::size_t>(x.SizeRows()) * names.size());
+  for (const auto& row : x) table.values.insert(table.values.end(), row.begin(), row.end());
+  return table;
+}
+
+// ------------------------------------------------------------------------------------------------
+// Results
+
+py::dict Rows(const std::vector<mvda::cli::ComponentRow>& rows) {
+  py::list out;
+  for (const auto& r : rows) {
+    py::dict d;
+    d["component"] = r.component;
+    d["r2x"] = r.r2x;
+    d["r2x_cum"] = r.r2x_cum;
+    d["r2y"] = r.r2y;
+    d["r2y_cum"] = r.r2y_cum;
+    d["q2"] = r.q2;
+    d["q2_cum"] = r.q2_cum;
+    d["q2_limit"] = r.q2_limit;
+    d["q2_y"] = r.q2_y;
+    d["q2_y_cum"] = r.q2_y_cum;
+    d["verdict"] = r.verdict;
+    d["kept"] = r.kept;
+    d["iterations"] = r.iterations;
+    out.append(d);
+  }
+  py::dict result;
+  result["rows"] = out;
+  return result;
+}
+
+mvda::cli::FitSettings Settings(int components, const std::string& scaling, int groups,
+                                int max_iter) {
+  mvda::cli::FitSettings s;
+  s.components = components;
+  s.scaling = scaling;
+  s.groups = groups;
+  s.max_iterations = max_iter;
+  return s;
+}
+
+py::dict FitPca(const FloatArray& x, const std::vector<std::string>& names, int components,
+                const std::string& scaling, int groups, int max_iter, int threads,
+                const py::object& callback) {
+  mvda::cli::Dataset data;
+  data.path = "X";
+  data.x = ToMatrix(x, "X");
+  data.x_names = names;
+  const auto settings = Settings(components, scaling, groups, max_iter);
+  const auto fit = RunLong<mvda::cli::ModelResult>(
+      [&] { return mvda::cli::FitPca(std::move(data), settings); }, callback, threads);
+  py::dict out = Rows(fit.rows);
+  out["model"] = fit.model;
+  return out;
+}
+
+py::dict FitPls(const FloatArray& x, const FloatArray& y, const std::vector<std::string>& x_names,
+                const std::vector<std::string>& y_names, int components,
+                const std::string& scaling, int groups, int max_iter, int threads,
+                const py::object& callback) {
+  mvda::cli::Dataset data;
+  data.path = "X";
+  data.x = ToMatrix(x, "X");
+  data.y = ToMatrix(y, "y");
+  data.x_names = x_names;
+  data.y_names = y_names;
+  if (data.x.SizeRows() != data.y.SizeRows()) {
+    throw mvda::cli::ToolError("X has " + std::to_string(data.x.SizeRows()) + " rows, y " +
+                               std::to_string(data.y.SizeRows()));
+  }
+  const auto settings = Settings(components, scaling, groups, max_iter);
+  const auto fit = RunLong<mvda::cli::ModelResult>(
+      [&] { return mvda::cli::FitPls(std::move(data), settings); }, callback, threads);
+  py::dict out = Rows(fit.rows);
+  out["model"] = fit.model;
+  out["coefficients"] = ToArray(fit.coefficients, false);
+  out["intercepts"] = fit.intercepts;
+  return out;
+}
+
+// Scores (observations x components) and, for PLS, predicted responses of new rows, through the
+// tool's prediction: rows with more than max_missing of their values missing get no scores.
+py::dict Predict(const ModelFile& model, const FloatArray& x, double max_missing) {
+  const Matrix m = ToMatrix(x, "X");
+  if (m.SizeColumns() != model.x_names.Size()) {
+    throw mvda::cli::ToolError("X has " + std::to_string(m.SizeColumns()) +
+                               " columns, the model " + std::to_string(model.x_names.Size()));
+  }
+  const mvda::cli::CsvTable table = Table(m, Names(model.x_names));
+  mvda::cli::PredictResult r;
+  {
+    py::gil_scoped_release release;
+    r = mvda::cli::Predict(model, "the model", table, max_missing, "");
+  }
+  py::dict out;
+  out["scores"] = ToArray(r.tprim, true);
+  if (model.kind == ModelFile::kPLS) out["y"] = ToArray(r.y_pred, false);
+  return out;
+}
+
+py::array_t<double> Linkage(const FloatArray& x, const std::string& method,
+                            const std::string& scaling, const std::string& cache, int threads,
+                            const py::object& callback) {
+  mvda::cli::Dataset data;
+  data.path = "X";
+  data.x = ToMatrix(x, "X");
+  data.row_names = Numbered(data.x.SizeRows());
+  for (int j = 1; j <= data.x.SizeColumns(); ++j) data.x_names.push_back("x" + std::to_string(j));
+  const auto result = RunLong<mvda::cli::ClusterResult>(
+      [&] { return mvda::cli::Cluster(std::move(data), method, scaling, cache, 0); }, callback,
+      threads);
+  // Clusters as SciPy numbers them: rows 0..N-1, merge k (0-based) makes N + k.
+  py::array_t<double> z({static_cast<py::ssize_t>(result.merges.size()), py::ssize_t{4}});
+  auto view = z.mutable_unchecked<2>();
+  for (std::size_t k = 0; k < result.merges.size(); ++k) {
+    const auto& merge = result.merges[k];
+    const py::ssize_t row = static_cast<py::ssize_t>(k);
+    view(row, 0) = static_cast<double>(std::min(merge.a, merge.b) - 1);
+    view(row, 1) = static_cast<double>(std::max(merge.a, merge.b) - 1);
+    view(row, 2) = merge.height;
+    view(row, 3) = merge.size;
+  }
+  return z;
+}
+
+py::dict Chart(const FloatArray& values, const std::string& type, int subgroup, int baseline,
+               double target, double sigma, double lambda) {
+  const Matrix column = ToMatrix(values, "values");
+  mvda::cli::ChartSettings settings;
+  settings.column = "values";
+  settings.type = type;
+  settings.subgroup = subgroup;
+  settings.baseline = baseline;
+  settings.target = target;
+  settings.sigma = sigma;
+  settings.lambda = lambda;
+  const mvda::cli::ChartResult r = mvda::cli::Chart(Table(column, {"values"}), settings);
+  auto value = [](double v) -> py::object {
+    return v == -99.0 ? py::object(py::none()) : py::object(py::float_(v));
+  };
+  auto values_of = [](const std::vector<double>& v) {
+    py::array_t<double> out(static_cast<py::ssize_t>(v.size()));
+    auto view = out.mutable_unchecked<1>();
+    for (std::size_t i = 0; i < v.size(); ++i) {
+      view(static_cast<py::ssize_t>(i)) = v[i] == -99.0 ? std::nan("") : v[i];
+    }
+    return out;
+  };
+  py::list panels;
+  for (const auto& p : r.panels) {
+    py::dict d;
+    d["statistic"] = p.name;
+    d["values"] = values_of(p.values);
+    d["centre"] = value(p.centre);
+    d["lcl"] = value(p.lower);
+    d["ucl"] = value(p.upper);
+    d["outside"] = p.outside;  // 1-based subgroups, as the tool reports them
+    if (!p.extra.empty()) d[p.name == "CuSum" ? "low_sums" : "means"] = values_of(p.extra);
+    panels.append(d);
+  }
+  py::dict out;
+  out["type"] = r.type;
+  out["subgroup_size"] = r.subgroup;
+  out["subgroups"] = r.subgroups;
+  out["baseline_subgroups"] = r.baseline;
+  out["target"] = value(r.target);
+  out["sigma"] = value(r.sigma);
+  out["lambda"] = value(r.lambda);
+  out["panels"] = panels;
+  return out;
+}
+
+// ------------------------------------------------------------------------------------------------
+// Model file
+
+py::bytes ModelBytes(const ModelFile& model) {
+  std::ostringstream os(std::ios::binary);
+  if (!StreamOut(model, os)) throw mvda::cli::ToolError("writing the model failed");
+  return py::bytes(os.str());
+}
+
+std::shared_ptr<ModelFile> ModelFromBytes(const py::bytes& bytes) {
+  std::istringstream is(std::string(bytes), std::ios::binary);
+  auto model = std::make_shared<ModelFile>();
+  if (!StreamIn(*model, is)) throw mvda::cli::ToolError("the model bytes are damaged or truncated");
+  return model;
+}
+
+void SaveModel(const ModelFile& model, const std::string& path) {
+  // Written beside the destination and renamed into place, as the tool does: a failed save
+  // leaves no half-written model.
+  mvda::cli::OutputFiles files;
+  std::ostream& stream = files.Open(path);
+  if (!StreamOut(model, stream)) throw mvda::cli::ToolError(path + ": writing the model failed");
+  files.CommitAll();
+}
+
+// The multiplier a variable's values were scaled with and what was subtracted, in the form of
+// StandardScaler: subtracted (0 when not centred) and divided by (1 when not scaled).
+py::array_t<double> Subtracted(const NCScale& s) { return ToArray(s.GetMean(), 0.0); }
+py::array_t<double> DividedBy(const NCScale& s) {
+  py::array_t<double> out(s.Size());
+  auto view = out.mutable_unchecked<1>();
+  for (int j = 1; j <= s.Size(); ++j) {
+    const float f = s.GetScale()[j];
+    view(j - 1) = f == kMissing ? 1.0 : 1.0 / static_cast<double>(f);
+  }
+  return out;
+}
+
+// The tool's messages name its options; in Python the same things are arguments.
+std::string PythonMessage(std::string message) {
+  static const std::pair<const char*, const char*> kRenames[] = {
+      {" (leave it out with --exclude)", ""}, {"--components ", "n_components="},
+      {"--method ", "method="},               {"--scale ", "scaling="},
+      {"--type ", "kind="},                   {"--subgroup ", "subgroup="},
+      {"--baseline ", "baseline="},           {"pls: name the response columns with --y", "y "
+                                                                                      "is empty"},
+      {"(save one with pca or pls --save)", "(save one with mvda.save)"}};
+  for (const auto& [from, to] : kRenames) {
+    for (std::size_t at = message.find(from); at != std::string::npos;
+         at = message.find(from, at + std::string(to).size())) {
+      message.replace(at, std::string(from).size(), to);
+    }
+  }
+  return message;
+}
+
+}  // namespace
+
+PYBIND11_MODULE(_core, m) {
+  m.doc() = "mvda's analyses: the command-line tool's fits, prediction, clustering and charts";
+  NCProgress::SetDefaultFactory(MakeProgress);
+
+  py::register_exception_translator([](std::exception_ptr p) {
+    try {
+      if (p) std::rethrow_exception(p);
+    } catch (const mvda::cli::ToolError& e) {
+      PyErr_SetString(PyExc_ValueError, PythonMessage(e.what()).c_str());
+    } catch (const NCError& e) {
+      PyErr_SetString(PyExc_ValueError, PythonMessage(e.what()).c_str());
+    }
+  });
+
+  py::class_<ModelFile, std::shared_ptr<ModelFile>>(m, "Model",
+                                                     "A fitted model as the tool's model file holds it")
+      .def_property_readonly("kind",
+                             [](const ModelFile& f) { return f.kind == ModelFile::kPCA ? "pca" : "pls"; })
+      .def_property_readonly("x_names", [](const ModelFile& f) { return Names(f.x_names); })
+      .def_property_readonly("y_names", [](const ModelFile& f) { return Names(f.y_names); })
+      .def_property_readonly("scaling", [](const ModelFile& f) { return f.scaling; })
+      .def_property_readonly("source", [](const ModelFile& f) { return f.source; })
+      .def_property_readonly("components", &ModelFile::Components)
+      .def_property_readonly("x_mean", [](const ModelFile& f) { return Subtracted(f.x_scale); })
+      .def_property_readonly("x_divisor", [](const ModelFile& f) { return DividedBy(f.x_scale); })
+      .def_property_readonly("y_mean", [](const ModelFile& f) { return Subtracted(f.y_scale); })
+      .def_property_readonly("y_divisor", [](const ModelFile& f) { return DividedBy(f.y_scale); })
+      .def_property_readonly("loadings",
+                             [](const ModelFile& f) {
+                               return ToArray(f.kind == ModelFile::kPCA ? *f.pca.GetPprim()
+                                                                        : *f.pls.GetPprim(),
+                                              true);
+                             })
+      .def_property_readonly("scores",
+                             [](const ModelFile& f) {
+                               return ToArray(f.kind == ModelFile::kPCA ? *f.pca.GetTprim()
+                                                                        : *f.pls.GetTprim(),
+                                              true);
+                             })
+      .def_property_readonly("weights",
+                             [](const ModelFile& f) { return ToArray(*f.pls.GetWprim(), true); })
+      .def_property_readonly("weights_star",
+                             [](const ModelFile& f) { return ToArray(f.pls.GetWStarPrim(), true); })
+      .def_property_readonly("y_loadings",
+                             [](const ModelFile& f) { return ToArray(*f.pls.GetCprim(), true); })
+      .def_property_readonly("scaled_coefficients",
+                             [](const ModelFile& f) {
+                               return ToArray(f.pls.GetRegressionCoefficients(-1), false);
+                             })
+      .def("to_bytes", &ModelBytes)
+      .def_static("from_bytes", &ModelFromBytes)
+      .def(py::pickle([](const ModelFile& f) { return ModelBytes(f); },
+                      [](const py::bytes& b) { return ModelFromBytes(b); }));
+
+  m.def("fit_pca", &FitPca, py::arg("x"), py::arg("names"), py::arg("components"),
+        py::arg("scaling"), py::arg("groups"), py::arg("max_iter"), py::arg("threads"),
+        py::arg("callback"));
+  m.def("fit_pls", &FitPls, py::arg("x"), py::arg("y"), py::arg("x_names"), py::arg("y_names"),
+        py::arg("components"), py::arg("scaling"), py::arg("groups"), py::arg("max_iter"),
+        py::arg("threads"), py::arg("callback"));
+  m.def("predict", &Predict, py::arg("model"), py::arg("x"), py::arg("max_missing") = 0.5);
+  m.def("linkage", &Linkage, py::arg("x"), py::arg("method"), py::arg("scaling"),
+        py::arg("cache"), py::arg("threads"), py::arg("callback"));
+  m.def("control_chart", &Chart, py::arg("values"), py::arg("type"), py::arg("subgroup"),
+        py::arg("baseline"), py::arg("target"), py::arg("sigma"), py::arg("lambda_"));
+  m.def("save", &SaveModel, py::arg("model"), py::arg("path"));
+  m.def("load", [](const std::string& path) {
+    return std::make_shared<ModelFile>(mvda::cli::LoadModel(path));
+  }, py::arg("path"));
+}

@@ -14,16 +14,6 @@ SCALINGS = ("none", "center", "centre", "pareto", "uv")
 # no other setting, so `tol` only documents it (see docs/python.md).
 LIBRARY_TOL = 1e-10
 
-# Checks of scikit-learn's suite that do not apply, with the reason (also in docs/python.md).
-_N_ITER_PER_COMPONENT = (
-    "n_iter_ holds the NIPALS iterations of every component, as PLSRegression's does, and the "
-    "check compares it with 1 as a single number")
-_XFAIL = {
-    "check_transformer_n_iter": _N_ITER_PER_COMPONENT,
-    "check_non_transformer_estimators_n_iter": _N_ITER_PER_COMPONENT,
-}
-
-
 def as_float32(X):
     """The array the extension reads: float32, C-contiguous; X itself when it already is one."""
     return np.asarray(X, dtype=np.float32, order="C")
@@ -37,7 +27,7 @@ class _Fit(BaseEstimator):
     """What PCA and PLS share: parameter checks, input conversion and the model's parts."""
 
     def _more_tags(self):
-        return {"allow_nan": True, "_xfail_checks": dict(_XFAIL)}
+        return {"allow_nan": True}
 
     def _check_params(self):
         n = self.n_components

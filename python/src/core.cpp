@@ -5,9 +5,11 @@
 // A long call runs on a worker thread. The calling thread gives up the GIL and wakes every 50 ms
 // to look for Ctrl-C (PyErr_CheckSignals, which runs Python's handler) and to hand the progress to
 // the caller's callback. A stop is asked through the library's own mechanism: every NCProgress
-// the call creates answers IsBreakPressed, so the fit ends at its next iteration with the
-// library's stop error, and the KeyboardInterrupt (or the callback's exception) is raised once the
-// worker has finished, leaving nothing running and nothing global changed for the next call.
+// the call creates answers IsBreakPressed, so the fit ends at its next check with the library's
+// stop error. The caller waits up to a second for that; a library step that runs longer without
+// looking (on a busy machine a cross-validation round can) finishes on its own, with its own copy
+// of the data, and the KeyboardInterrupt is not held back for it. Interpreter exit waits for such
+// workers, so none outlives the library.
 #include <pybind11/numpy.h>
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
@@ -85,17 +87,25 @@ std::shared_ptr<NCProgress> MakeProgress(const std::string& text, double min, do
   return std::make_shared<NCProgress>(text, min, max);
 }
 
-// The thread count of one call. The library's processor count is process-wide; it is restored
-// afterwards. The OpenMP team size belongs to the thread that sets it, so the worker always
-// applies the library's setting to itself.
+// The thread count of one call. The library's processor count is process-wide; a call that sets
+// it holds this lock until it has put the old value back, so that two such calls (one of them
+// perhaps still stopping) do not restore each other's values. The OpenMP team size belongs to the
+// thread that sets it, so every worker applies the library's setting to itself.
+std::mutex thread_count_lock;
+
 class ThreadScope {
  public:
-  explicit ThreadScope(int threads)
-      : processors_(NCMultiThreading::ThreadingControl::GetNumberOfProcessors()),
-        on_(NCMultiThreading::ThreadingControl::IsThreadingOn()),
-        changed_(threads > 0) {
-    if (changed_) NCMultiThreading::ThreadingControl::SetNumberOfProcessors(threads);
-    NCMultiThreading::ThreadingControl::SetThreadingIsOn(changed_ ? threads > 1 : on_);
+  explicit ThreadScope(int threads) : changed_(threads > 0) {
+    if (changed_) {
+      hold_ = std::unique_lock<std::mutex>(thread_count_lock);
+      processors_ = NCMultiThreading::ThreadingControl::GetNumberOfProcessors();
+      on_ = NCMultiThreading::ThreadingControl::IsThreadingOn();
+      NCMultiThreading::ThreadingControl::SetNumberOfProcessors(threads);
+      NCMultiThreading::ThreadingControl::SetThreadingIsOn(threads > 1);
+    } else {
+      NCMultiThreading::ThreadingControl::SetThreadingIsOn(
+          NCMultiThreading::ThreadingControl::IsThreadingOn());
+    }
   }
   ~ThreadScope() {
     if (!changed_) return;
@@ -106,67 +116,103 @@ class ThreadScope {
   ThreadScope& operator=(const ThreadScope&) = delete;
 
  private:
-  int processors_;
-  bool on_;
   bool changed_;
+  std::unique_lock<std::mutex> hold_;
+  int processors_ = 1;
+  bool on_ = false;
 };
 
-// Runs work() on a worker thread as described at the top; called with the GIL held.
+// The workers still running, for the wait at interpreter exit.
+std::mutex workers_lock;
+std::condition_variable workers_done;
+int workers = 0;
+
+void WaitForWorkers() {
+  py::gil_scoped_release release;
+  std::unique_lock<std::mutex> lock(workers_lock);
+  workers_done.wait(lock, [] { return workers == 0; });
+}
+
+// One call's worker and what it shares with the caller; owned by both, so that a worker left to
+// finish after a stop still has everything it uses.
 template <class Result>
-Result RunLong(const std::function<Result()>& work, const py::object& callback, int threads) {
+struct Job {
+  std::function<Result()> work;
+  int threads = 0;
   Call call;
-  std::optional<Result> result;
-  std::exception_ptr error, python_error;
   std::mutex lock;
   std::condition_variable finished;
   bool done = false;
+  std::optional<Result> result;
+  std::exception_ptr error;
+};
+
+// Runs work() on a worker thread as described at the top; called with the GIL held. work must
+// own what it uses (captured by value).
+template <class Result>
+Result RunLong(std::function<Result()> work, const py::object& callback, int threads) {
+  auto job = std::make_shared<Job<Result>>();
+  job->work = std::move(work);
+  job->threads = threads;
+  std::exception_ptr python_error;
   const bool report = !callback.is_none();
   {
-    py::gil_scoped_release release;
-    std::thread worker([&] {
-      current_call = &call;
-      try {
-        ThreadScope scope(threads);
-        result.emplace(work());
-      } catch (...) {
-        error = std::current_exception();
-      }
-      current_call = nullptr;
-      std::lock_guard<std::mutex> guard(lock);
-      done = true;
-      finished.notify_all();
-    });
-    std::unique_lock<std::mutex> waiting(lock);
-    while (!done) {
-      finished.wait_for(waiting, std::chrono::milliseconds(50));
-      if (done || call.stop.load()) continue;
-      waiting.unlock();
-      {
-        py::gil_scoped_acquire gil;
-        try {
-          if (PyErr_CheckSignals() != 0) throw py::error_already_set();
-          if (report) {
-            std::string text;
-            {
-              std::lock_guard<std::mutex> guard(call.text_lock);
-              text = call.text;
-            }
-            callback(text, call.fraction.load());
-          }
-        } catch (...) {
-          python_error = std::current_exception();
-          call.stop.store(true);
-        }
-      }
-      waiting.lock();
-    }
-    waiting.unlock();
-    worker.join();
+    std::lock_guard<std::mutex> guard(workers_lock);
+    ++workers;
   }
-  // The caller's interruption wins over what the stopped fit threw.
-  if (python_error) std::rethrow_exception(python_error);
-  if (error) std::rethrow_exception(error);
-  return std::move(*result);
+  py::gil_scoped_release release;
+  std::thread worker([job] {
+    current_call = &job->call;
+    try {
+      ThreadScope scope(job->threads);
+      job->result.emplace(job->work());
+    } catch (...) {
+      job->error = std::current_exception();
+    }
+    current_call = nullptr;
+    {
+      std::lock_guard<std::mutex> guard(job->lock);
+      job->done = true;
+      job->finished.notify_all();
+    }
+    std::lock_guard<std::mutex> guard(workers_lock);
+    --workers;
+    workers_done.notify_all();
+  });
+  std::unique_lock<std::mutex> waiting(job->lock);
+  while (!job->done && !python_error) {
+    job->finished.wait_for(waiting, std::chrono::milliseconds(50));
+    if (job->done) break;
+    waiting.unlock();
+    {
+      py::gil_scoped_acquire gil;
+      try {
+        if (PyErr_CheckSignals() != 0) throw py::error_already_set();
+        if (report) {
+          std::string text;
+          {
+            std::lock_guard<std::mutex> guard(job->call.text_lock);
+            text = job->call.text;
+          }
+          callback(text, job->call.fraction.load());
+        }
+      } catch (...) {
+        python_error = std::current_exception();
+        job->call.stop.store(true);
+      }
+    }
+    waiting.lock();
+  }
+  if (python_error) {
+    job->finished.wait_for(waiting, std::chrono::seconds(1), [&] { return job->done; });
+    waiting.unlock();
+    worker.detach();
+    std::rethrow_exception(python_error);  // the GIL is taken back on the way out
+  }
+  waiting.unlock();
+  worker.join();
+  if (job->error) std::rethrow_exception(job->error);
+  return std::move(*job->result);
 }
 
 // ------------------------------------------------------------------------------------------------
@@ -311,7 +357,7 @@ py::dict FitPca(const FloatArray& x, const std::vector<std::string>& names, int 
   data.x_names = names;
   const auto settings = Settings(components, scaling, groups, max_iter);
   const auto fit = RunLong<mvda::cli::ModelResult>(
-      [&] { return mvda::cli::FitPca(std::move(data), settings); }, callback, threads);
+      [data, settings]() mutable { return mvda::cli::FitPca(std::move(data), settings); }, callback, threads);
   py::dict out = Rows(fit.rows);
   out["model"] = fit.model;
   return out;
@@ -333,7 +379,7 @@ py::dict FitPls(const FloatArray& x, const FloatArray& y, const std::vector<std:
   }
   const auto settings = Settings(components, scaling, groups, max_iter);
   const auto fit = RunLong<mvda::cli::ModelResult>(
-      [&] { return mvda::cli::FitPls(std::move(data), settings); }, callback, threads);
+      [data, settings]() mutable { return mvda::cli::FitPls(std::move(data), settings); }, callback, threads);
   py::dict out = Rows(fit.rows);
   out["model"] = fit.model;
   out["coefficients"] = ToArray(fit.coefficients, false);
@@ -370,7 +416,9 @@ py::array_t<double> Linkage(const FloatArray& x, const std::string& method,
   data.row_names = Numbered(data.x.SizeRows());
   for (int j = 1; j <= data.x.SizeColumns(); ++j) data.x_names.push_back("x" + std::to_string(j));
   const auto result = RunLong<mvda::cli::ClusterResult>(
-      [&] { return mvda::cli::Cluster(std::move(data), method, scaling, cache, 0); }, callback,
+      [data, method, scaling, cache]() mutable {
+        return mvda::cli::Cluster(std::move(data), method, scaling, cache, 0);
+      }, callback,
       threads);
   // Clusters as SciPy numbers them: rows 0..N-1, merge k (0-based) makes N + k.
   py::array_t<double> z({static_cast<py::ssize_t>(result.merges.size()), py::ssize_t{4}});
@@ -494,6 +542,9 @@ std::string PythonMessage(std::string message) {
 PYBIND11_MODULE(_core, m) {
   m.doc() = "mvda's analyses: the command-line tool's fits, prediction, clustering and charts";
   NCProgress::SetDefaultFactory(MakeProgress);
+  m.def("_wait_for_workers", &WaitForWorkers,
+        "Waits for the workers of stopped calls to end; run at interpreter exit");
+  py::module_::import("atexit").attr("register")(m.attr("_wait_for_workers"));
 
   py::register_exception_translator([](std::exception_ptr p) {
     try {

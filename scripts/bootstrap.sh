@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs, only when missing, every Debian package that the library, its tests, its benchmarks
-# and the command-line tool need (chromium: the test that opens the HTML report headless). Safe
-# to run again: a machine that has everything is left alone.
+# and the command-line tool need (chromium: the test that opens the HTML report headless; the
+# python3 packages and pybind11: the Python package, built with `pip install --no-build-isolation
+# ./python` by /usr/bin/python3). Safe to run again: a machine that has everything is left alone.
 set -euo pipefail
 
 packages=(
@@ -14,6 +15,8 @@ packages=(
   libcli11-dev libcsv-dev nlohmann-json3-dev
   clang libclang-rt-14-dev
   chromium
+  python3-dev python3-venv python3-pip python3-setuptools python3-wheel pybind11-dev
+  python3-numpy python3-pandas python3-pytest python3-sklearn python3-scipy
 )
 
 missing=()

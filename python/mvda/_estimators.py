@@ -80,6 +80,31 @@ class _Fit(BaseEstimator):
         self.n_iter_ = np.array([r["iterations"] for r in kept], dtype=int)
         return kept
 
+    def _set_diagnostics(self, model):
+        """T2 and SPE of the training rows (the residuals the model file keeps)."""
+        d = _core.training_diagnostics(model)
+        self.t2_ = d["t2"]
+        self.spe_ = d["spe"]
+
+    def t2_limit(self, alpha=0.95, new_rows=False):
+        """The alpha quantile of Hotelling's T2 for the training rows (t2_), or with
+        new_rows=True for rows scored later (diagnostics(X))."""
+        check_is_fitted(self)
+        return _core.t2_limit(self._model.scores.shape[0], self.n_components_, float(alpha),
+                              bool(new_rows))
+
+    def spe_limit(self, alpha=0.95):
+        """The alpha quantile of SPE (Box's approximation from the training SPE), for training
+        and new rows alike."""
+        check_is_fitted(self)
+        return _core.spe_limit(list(self.spe_), float(alpha))
+
+    def diagnostics(self, X):
+        """Scores, T2 and SPE of new rows as a dict of arrays ("scores", "t2", "spe"); NaN for a
+        row with more than half of its values missing, which gets no scores."""
+        check_is_fitted(self)
+        return _core.diagnostics(self._model, self._validate_X(X, reset=False))
+
     def _scores(self, X):
         check_is_fitted(self)
         X = self._validate_X(X, reset=False)
@@ -136,6 +161,7 @@ class PCA(TransformerMixin, _Fit):
         self.loadings_ = model.loadings
         self.mean_ = model.x_mean
         self.scale_ = model.x_divisor
+        self._set_diagnostics(model)
 
     def fit_transform(self, X, y=None):
         return self.fit(X).scores_.copy()
@@ -206,6 +232,8 @@ class PLS(RegressorMixin, TransformerMixin, _Fit):
         self.r2y_ = _rows(kept, "r2y")
         self.r2y_cum_ = _rows(kept, "r2y_cum")
         self._set_model(result["model"])
+        self.rmsecv_ = (_core.rmsecv(self._model, as_float32(Y), kept[-1]["q2_y"]) if kept
+                        else np.full(Y.shape[1], np.nan))
         # The tool's coefficients in the units of the data.
         self.coef_ = result["coefficients"]
         self.intercept_ = np.asarray(result["intercepts"], dtype=float)
@@ -223,6 +251,8 @@ class PLS(RegressorMixin, TransformerMixin, _Fit):
         self.x_scale_ = model.x_divisor
         self.y_mean_ = model.y_mean
         self.y_scale_ = model.y_divisor
+        self._set_diagnostics(model)
+        self.vip_ = _core.vip(model) if model.components else np.full(len(model.x_names), np.nan)
 
     def _coefficients_from_model(self):
         """coef_ and intercept_ of a model read from a file: the library's coefficients of the

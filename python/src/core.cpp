@@ -10,11 +10,10 @@
 // looking (on a busy machine a cross-validation round can) finishes on its own, with its own copy
 // of the data, and the KeyboardInterrupt is not held back for it. Interpreter exit waits for such
 // workers, so none outlives the library.
-#include <pybind11/numpy.h>
-#include <pybind11/pybind11.h>
-#include <pybind11/stl.h>
-
 #include <mvda/containers/multi_threading.h>
+#include <mvda/diagnostics/hotelling.h>
+#include <mvda/diagnostics/pls_diagnostics.h>
+#include <mvda/diagnostics/spe.h>
 #include <mvda/platform/error.h>
 #include <mvda/platform/progress.h>
 #include <mvda/platform/stream.h>
@@ -24,6 +23,7 @@
 #include <climits>
 #include <cmath>
 #include <condition_variable>
+#include <deque>
 #include <functional>
 #include <mutex>
 #include <optional>
@@ -32,6 +32,11 @@
 #include <thread>
 #include <utility>
 #include <vector>
+
+#include <omp.h>
+#include <pybind11/numpy.h>
+#include <pybind11/pybind11.h>
+#include <pybind11/stl.h>
 
 #include "analysis.h"
 #include "model_file.h"
@@ -96,6 +101,9 @@ std::mutex thread_count_lock;
 class ThreadScope {
  public:
   explicit ThreadScope(int threads) : changed_(threads > 0) {
+    // Teams that shrink on a busy machine, as ThreadingControl::Reset sets them for the thread
+    // that loaded the library; a new thread starts with the runtime's fixed teams instead.
+    omp_set_dynamic(1);
     if (changed_) {
       hold_ = std::unique_lock<std::mutex>(thread_count_lock);
       processors_ = NCMultiThreading::ThreadingControl::GetNumberOfProcessors();
@@ -133,6 +141,49 @@ void WaitForWorkers() {
   workers_done.wait(lock, [] { return workers == 0; });
 }
 
+// The threads that run the calls, kept for the next call rather than started anew: a new thread
+// gets a malloc arena of its own, and refilling it with fresh pages made a fit on a new thread a
+// good third slower than the same fit on the thread before. A call takes an idle thread, or adds
+// one when all are busy (a stopped call may still be finishing). Never destroyed: idle threads
+// wait on it until the process ends.
+class WorkerThreads {
+ public:
+  void Run(std::function<void()> task) {
+    std::lock_guard<std::mutex> guard(lock_);
+    tasks_.push_back(std::move(task));
+    if (tasks_.size() > idle_) {
+      std::thread([this] { Loop(); }).detach();
+    } else {
+      wake_.notify_one();
+    }
+  }
+
+ private:
+  void Loop() {
+    std::unique_lock<std::mutex> lock(lock_);
+    for (;;) {
+      ++idle_;
+      wake_.wait(lock, [this] { return !tasks_.empty(); });
+      --idle_;
+      std::function<void()> task = std::move(tasks_.front());
+      tasks_.pop_front();
+      lock.unlock();
+      task();
+      lock.lock();
+    }
+  }
+
+  std::mutex lock_;
+  std::condition_variable wake_;
+  std::deque<std::function<void()>> tasks_;
+  std::size_t idle_ = 0;  // threads waiting for a task
+};
+
+WorkerThreads& Threads() {
+  static WorkerThreads* threads = new WorkerThreads();  // outlives every static destructor
+  return *threads;
+}
+
 // One call's worker and what it shares with the caller; owned by both, so that a worker left to
 // finish after a stop still has everything it uses.
 template <class Result>
@@ -161,7 +212,7 @@ Result RunLong(std::function<Result()> work, const py::object& callback, int thr
     ++workers;
   }
   py::gil_scoped_release release;
-  std::thread worker([job] {
+  Threads().Run([job] {
     current_call = &job->call;
     try {
       ThreadScope scope(job->threads);
@@ -206,11 +257,9 @@ Result RunLong(std::function<Result()> work, const py::object& callback, int thr
   if (python_error) {
     job->finished.wait_for(waiting, std::chrono::seconds(1), [&] { return job->done; });
     waiting.unlock();
-    worker.detach();
     std::rethrow_exception(python_error);  // the GIL is taken back on the way out
   }
   waiting.unlock();
-  worker.join();
   if (job->error) std::rethrow_exception(job->error);
   return std::move(*job->result);
 }
@@ -243,8 +292,8 @@ Matrix ToMatrix(const FloatArray& a, const char* what) {
         continue;
       }
       if (v == kMissing || std::isinf(v)) {
-        throw mvda::cli::ToolError(std::string(what) + ": row " + std::to_string(i) +
-                                   ", column " + std::to_string(j) + ": " +
+        throw mvda::cli::ToolError(std::string(what) + ": row " + std::to_string(i) + ", column " +
+                                   std::to_string(j) + ": " +
                                    (std::isinf(v) ? "infinite value" : "the value -99") +
                                    " (-99 marks missing values in mvda; use NaN)");
       }
@@ -357,16 +406,16 @@ py::dict FitPca(const FloatArray& x, const std::vector<std::string>& names, int 
   data.x_names = names;
   const auto settings = Settings(components, scaling, groups, max_iter);
   const auto fit = RunLong<mvda::cli::ModelResult>(
-      [data, settings]() mutable { return mvda::cli::FitPca(std::move(data), settings); }, callback, threads);
+      [data, settings]() mutable { return mvda::cli::FitPca(std::move(data), settings); }, callback,
+      threads);
   py::dict out = Rows(fit.rows);
   out["model"] = fit.model;
   return out;
 }
 
 py::dict FitPls(const FloatArray& x, const FloatArray& y, const std::vector<std::string>& x_names,
-                const std::vector<std::string>& y_names, int components,
-                const std::string& scaling, int groups, int max_iter, int threads,
-                const py::object& callback) {
+                const std::vector<std::string>& y_names, int components, const std::string& scaling,
+                int groups, int max_iter, int threads, const py::object& callback) {
   mvda::cli::Dataset data;
   data.path = "X";
   data.x = ToMatrix(x, "X");
@@ -379,7 +428,8 @@ py::dict FitPls(const FloatArray& x, const FloatArray& y, const std::vector<std:
   }
   const auto settings = Settings(components, scaling, groups, max_iter);
   const auto fit = RunLong<mvda::cli::ModelResult>(
-      [data, settings]() mutable { return mvda::cli::FitPls(std::move(data), settings); }, callback, threads);
+      [data, settings]() mutable { return mvda::cli::FitPls(std::move(data), settings); }, callback,
+      threads);
   py::dict out = Rows(fit.rows);
   out["model"] = fit.model;
   out["coefficients"] = ToArray(fit.coefficients, false);
@@ -392,8 +442,8 @@ py::dict FitPls(const FloatArray& x, const FloatArray& y, const std::vector<std:
 py::dict Predict(const ModelFile& model, const FloatArray& x, double max_missing) {
   const Matrix m = ToMatrix(x, "X");
   if (m.SizeColumns() != model.x_names.Size()) {
-    throw mvda::cli::ToolError("X has " + std::to_string(m.SizeColumns()) +
-                               " columns, the model " + std::to_string(model.x_names.Size()));
+    throw mvda::cli::ToolError("X has " + std::to_string(m.SizeColumns()) + " columns, the model " +
+                               std::to_string(model.x_names.Size()));
   }
   const mvda::cli::CsvTable table = Table(m, Names(model.x_names));
   mvda::cli::PredictResult r;
@@ -418,8 +468,8 @@ py::array_t<double> Linkage(const FloatArray& x, const std::string& method,
   const auto result = RunLong<mvda::cli::ClusterResult>(
       [data, method, scaling, cache]() mutable {
         return mvda::cli::Cluster(std::move(data), method, scaling, cache, 0);
-      }, callback,
-      threads);
+      },
+      callback, threads);
   // Clusters as SciPy numbers them: rows 0..N-1, merge k (0-based) makes N + k.
   py::array_t<double> z({static_cast<py::ssize_t>(result.merges.size()), py::ssize_t{4}});
   auto view = z.mutable_unchecked<2>();
@@ -482,6 +532,104 @@ py::dict Chart(const FloatArray& values, const std::string& type, int subgroup, 
 }
 
 // ------------------------------------------------------------------------------------------------
+// Diagnostics (mvda/diagnostics): T² and SPE of the training rows and of new rows, their limits,
+// and the PLS figures of merit.
+
+const Matrix& Tprim(const ModelFile& f) {
+  return f.kind == ModelFile::kPCA ? *f.pca.GetTprim() : *f.pls.GetTprim();
+}
+const Matrix& Pprim(const ModelFile& f) {
+  return f.kind == ModelFile::kPCA ? *f.pca.GetPprim() : *f.pls.GetPprim();
+}
+const Matrix& XResiduals(const ModelFile& f) {
+  return f.kind == ModelFile::kPCA ? *f.pca.GetResiduals() : *f.pls.GetXResiduals();
+}
+
+py::array_t<double> Values(const std::vector<double>& v) {
+  py::array_t<double> out(static_cast<py::ssize_t>(v.size()));
+  auto view = out.mutable_unchecked<1>();
+  for (std::size_t i = 0; i < v.size(); ++i) {
+    view(static_cast<py::ssize_t>(i)) = v[i] == mvda::diagnostics::kMissing ? std::nan("") : v[i];
+  }
+  return out;
+}
+
+// T² of the scores tprim (A x N) under the spread of the model's training scores; 0 for every row
+// of a model without components, which has no scores to be far out in.
+std::vector<double> T2(const ModelFile& f, const Matrix& tprim) {
+  if (f.Components() == 0)
+    return std::vector<double>(static_cast<std::size_t>(tprim.SizeColumns()), 0.0);
+  return mvda::diagnostics::HotellingT2(tprim, mvda::diagnostics::ScoreVariances(Tprim(f)));
+}
+
+// The training rows: the model file keeps the residuals the kept components leave, and SPE of a
+// residual row is SPE under no components.
+py::dict TrainingDiagnostics(const ModelFile& f) {
+  const Matrix& e = XResiduals(f);
+  py::dict out;
+  out["t2"] = Values(T2(f, Tprim(f)));
+  out["spe"] = Values(
+      mvda::diagnostics::SPE(e, Matrix(0, e.SizeRows(), 0.0f), Matrix(0, e.SizeColumns(), 0.0f)));
+  return out;
+}
+
+// New rows, scored as Predict scores them: scores, T² and SPE (NaN for a row without scores).
+py::dict NewDiagnostics(const ModelFile& f, const FloatArray& x, double max_missing) {
+  Matrix m = ToMatrix(x, "X");
+  if (m.SizeColumns() != f.x_names.Size()) {
+    throw mvda::cli::ToolError("X has " + std::to_string(m.SizeColumns()) + " columns, the model " +
+                               std::to_string(f.x_names.Size()));
+  }
+  py::dict out;
+  std::vector<double> t2, spe;
+  Matrix tprim;
+  {
+    py::gil_scoped_release release;
+    if (f.Components() > 0) {
+      tprim = mvda::cli::Predict(f, "the model", Table(m, Names(f.x_names)), max_missing, "").tprim;
+    } else {
+      tprim = Matrix(0, m.SizeRows(), 0.0f);
+    }
+    t2 = T2(f, tprim);
+    NCScale scale = f.x_scale;  // applying a scaling is not const
+    scale.ScaleMatrix(&m, false);
+    spe = mvda::diagnostics::SPE(m, tprim, Pprim(f));
+  }
+  // A row without scores has no T², and no SPE either.
+  for (std::size_t i = 0; i < spe.size(); ++i) {
+    if (t2[i] == mvda::diagnostics::kMissing) spe[i] = mvda::diagnostics::kMissing;
+  }
+  out["scores"] = ToArray(tprim, true);
+  out["t2"] = Values(t2);
+  out["spe"] = Values(spe);
+  return out;
+}
+
+double T2Limit(int observations, int components, double alpha, bool new_rows) {
+  return new_rows ? mvda::diagnostics::T2LimitPrediction(observations, components, alpha)
+                  : mvda::diagnostics::T2LimitTraining(observations, components, alpha);
+}
+
+double SpeLimit(const std::vector<double>& training, double alpha) {
+  std::vector<double> present;
+  for (const double v : training)
+    present.push_back(std::isnan(v) ? mvda::diagnostics::kMissing : v);
+  return mvda::diagnostics::SPELimit(mvda::diagnostics::SPEMomentsOf(present), alpha);
+}
+
+py::array_t<double> Vip(const ModelFile& f) { return Values(mvda::diagnostics::VIP(f.pls)); }
+
+// RMSECV per response from the fit's last kept component: y are the training responses in their
+// own units, q2_last that component's Q2 per response.
+py::array_t<double> Rmsecv(const ModelFile& f, const FloatArray& y,
+                           const std::vector<double>& q2_last) {
+  Matrix scaled = ToMatrix(y, "y");
+  NCScale scale = f.y_scale;
+  scale.ScaleMatrix(&scaled, false);
+  return Values(mvda::diagnostics::RMSECV(f.pls, scaled, q2_last, f.y_scale));
+}
+
+// ------------------------------------------------------------------------------------------------
 // Model file
 
 py::bytes ModelBytes(const ModelFile& model) {
@@ -522,11 +670,14 @@ py::array_t<double> DividedBy(const NCScale& s) {
 // The tool's messages name its options; in Python the same things are arguments.
 std::string PythonMessage(std::string message) {
   static const std::pair<const char*, const char*> kRenames[] = {
-      {" (leave it out with --exclude)", ""}, {"--components ", "n_components="},
-      {"--method ", "method="},               {"--scale ", "scaling="},
-      {"--type ", "kind="},                   {"--subgroup ", "subgroup="},
-      {"--baseline ", "baseline="},           {"pls: name the response columns with --y", "y "
-                                                                                      "is empty"},
+      {" (leave it out with --exclude)", ""},
+      {"--components ", "n_components="},
+      {"--method ", "method="},
+      {"--scale ", "scaling="},
+      {"--type ", "kind="},
+      {"--subgroup ", "subgroup="},
+      {"--baseline ", "baseline="},
+      {"pls: name the response columns with --y", "y has no columns"},
       {"(save one with pca or pls --save)", "(save one with mvda.save)"}};
   for (const auto& [from, to] : kRenames) {
     for (std::size_t at = message.find(from); at != std::string::npos;
@@ -556,10 +707,10 @@ PYBIND11_MODULE(_core, m) {
     }
   });
 
-  py::class_<ModelFile, std::shared_ptr<ModelFile>>(m, "Model",
-                                                     "A fitted model as the tool's model file holds it")
-      .def_property_readonly("kind",
-                             [](const ModelFile& f) { return f.kind == ModelFile::kPCA ? "pca" : "pls"; })
+  py::class_<ModelFile, std::shared_ptr<ModelFile>>(
+      m, "Model", "A fitted model as the tool's model file holds it")
+      .def_property_readonly(
+          "kind", [](const ModelFile& f) { return f.kind == ModelFile::kPCA ? "pca" : "pls"; })
       .def_property_readonly("x_names", [](const ModelFile& f) { return Names(f.x_names); })
       .def_property_readonly("y_names", [](const ModelFile& f) { return Names(f.y_names); })
       .def_property_readonly("scaling", [](const ModelFile& f) { return f.scaling; })
@@ -569,28 +720,25 @@ PYBIND11_MODULE(_core, m) {
       .def_property_readonly("x_divisor", [](const ModelFile& f) { return DividedBy(f.x_scale); })
       .def_property_readonly("y_mean", [](const ModelFile& f) { return Subtracted(f.y_scale); })
       .def_property_readonly("y_divisor", [](const ModelFile& f) { return DividedBy(f.y_scale); })
-      .def_property_readonly("loadings",
-                             [](const ModelFile& f) {
-                               return ToArray(f.kind == ModelFile::kPCA ? *f.pca.GetPprim()
-                                                                        : *f.pls.GetPprim(),
-                                              true);
-                             })
-      .def_property_readonly("scores",
-                             [](const ModelFile& f) {
-                               return ToArray(f.kind == ModelFile::kPCA ? *f.pca.GetTprim()
-                                                                        : *f.pls.GetTprim(),
-                                              true);
-                             })
+      .def_property_readonly(
+          "loadings",
+          [](const ModelFile& f) {
+            return ToArray(f.kind == ModelFile::kPCA ? *f.pca.GetPprim() : *f.pls.GetPprim(), true);
+          })
+      .def_property_readonly(
+          "scores",
+          [](const ModelFile& f) {
+            return ToArray(f.kind == ModelFile::kPCA ? *f.pca.GetTprim() : *f.pls.GetTprim(), true);
+          })
       .def_property_readonly("weights",
                              [](const ModelFile& f) { return ToArray(*f.pls.GetWprim(), true); })
       .def_property_readonly("weights_star",
                              [](const ModelFile& f) { return ToArray(f.pls.GetWStarPrim(), true); })
       .def_property_readonly("y_loadings",
                              [](const ModelFile& f) { return ToArray(*f.pls.GetCprim(), true); })
-      .def_property_readonly("scaled_coefficients",
-                             [](const ModelFile& f) {
-                               return ToArray(f.pls.GetRegressionCoefficients(-1), false);
-                             })
+      .def_property_readonly(
+          "scaled_coefficients",
+          [](const ModelFile& f) { return ToArray(f.pls.GetRegressionCoefficients(-1), false); })
       .def("to_bytes", &ModelBytes)
       .def_static("from_bytes", &ModelFromBytes)
       .def(py::pickle([](const ModelFile& f) { return ModelBytes(f); },
@@ -603,12 +751,23 @@ PYBIND11_MODULE(_core, m) {
         py::arg("components"), py::arg("scaling"), py::arg("groups"), py::arg("max_iter"),
         py::arg("threads"), py::arg("callback"));
   m.def("predict", &Predict, py::arg("model"), py::arg("x"), py::arg("max_missing") = 0.5);
-  m.def("linkage", &Linkage, py::arg("x"), py::arg("method"), py::arg("scaling"),
-        py::arg("cache"), py::arg("threads"), py::arg("callback"));
+  m.def("linkage", &Linkage, py::arg("x"), py::arg("method"), py::arg("scaling"), py::arg("cache"),
+        py::arg("threads"), py::arg("callback"));
   m.def("control_chart", &Chart, py::arg("values"), py::arg("type"), py::arg("subgroup"),
         py::arg("baseline"), py::arg("target"), py::arg("sigma"), py::arg("lambda_"));
+  m.def("training_diagnostics", &TrainingDiagnostics, py::arg("model"));
+  m.def("diagnostics", &NewDiagnostics, py::arg("model"), py::arg("x"),
+        py::arg("max_missing") = 0.5);
+  m.def("t2_limit", &T2Limit, py::arg("observations"), py::arg("components"), py::arg("alpha"),
+        py::arg("new_rows"));
+  m.def("spe_limit", &SpeLimit, py::arg("training"), py::arg("alpha"));
+  m.def("vip", &Vip, py::arg("model"));
+  m.def("rmsecv", &Rmsecv, py::arg("model"), py::arg("y"), py::arg("q2_last"));
   m.def("save", &SaveModel, py::arg("model"), py::arg("path"));
-  m.def("load", [](const std::string& path) {
-    return std::make_shared<ModelFile>(mvda::cli::LoadModel(path));
-  }, py::arg("path"));
+  m.def(
+      "load",
+      [](const std::string& path) {
+        return std::make_shared<ModelFile>(mvda::cli::LoadModel(path));
+      },
+      py::arg("path"));
 }

@@ -163,3 +163,38 @@ def test_column_names_pipeline_and_grid_search(diabetes):
         assert mean_score == pytest.approx(
             cross_val_score(mvda.PLS(n_components=k), X, y, cv=folds).mean())
     assert search.best_estimator_.n_components_ == search.best_params_["n_components"]
+
+
+def test_diagnostics_follow_their_formulas(wine, diabetes):
+    from scipy import stats
+
+    model = mvda.PCA(n_components=3).fit(wine)
+    N, A = model.scores_.shape
+    T = model.scores_
+    t2 = np.sum(T ** 2 / T.var(axis=0, ddof=1), axis=1)
+    np.testing.assert_allclose(model.t2_, t2, rtol=1e-4)
+    Xs = (wine.to_numpy() - model.mean_) / model.scale_
+    spe = np.sum((Xs - T @ model.loadings_.T) ** 2, axis=1)
+    np.testing.assert_allclose(model.spe_, spe, rtol=1e-3, atol=1e-4)
+    # T2 limit of the training rows: (N-1)^2/N Beta(A/2, (N-A-1)/2); of new rows A(N^2-1)/(N(N-A)) F.
+    assert model.t2_limit(0.95) == pytest.approx(
+        (N - 1) ** 2 / N * stats.beta.ppf(0.95, A / 2, (N - A - 1) / 2), rel=1e-6)
+    assert model.t2_limit(0.99, new_rows=True) == pytest.approx(
+        A * (N ** 2 - 1) / (N * (N - A)) * stats.f.ppf(0.99, A, N - A), rel=1e-6)
+    m, v = spe.mean(), spe.var(ddof=1)
+    assert model.spe_limit(0.95) == pytest.approx(
+        v / (2 * m) * stats.chi2.ppf(0.95, 2 * m ** 2 / v), rel=1e-3)
+    new = model.diagnostics(wine.iloc[:10])
+    np.testing.assert_allclose(new["t2"], t2[:10], rtol=1e-4)
+    np.testing.assert_allclose(new["spe"], spe[:10], rtol=1e-3, atol=1e-4)
+
+    X, y = diabetes
+    pls = mvda.PLS(n_components=3).fit(X, y)
+    W, Tp = pls.x_weights_, pls.x_scores_
+    ssy = np.sum(Tp ** 2, axis=0) * np.sum(pls.y_loadings_ ** 2, axis=0)
+    vip = np.sqrt(X.shape[1] * ((W / np.linalg.norm(W, axis=0)) ** 2 @ ssy) / ssy.sum())
+    np.testing.assert_allclose(pls.vip_, vip, rtol=1e-4)
+    # RMSECV in the units of y, near a 7-fold cross-validated error of the same model.
+    from sklearn.model_selection import cross_val_predict
+    cv = cross_val_predict(mvda.PLS(n_components=3), X, y, cv=KFold(7))
+    assert pls.rmsecv_[0] == pytest.approx(np.sqrt(np.mean((y - cv) ** 2)), rel=0.05)

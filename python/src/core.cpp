@@ -2,7 +2,7 @@
 // control charts and the model file are the tool's own functions (apps/mvda); this file only
 // converts arrays and runs the long calls so that Python stays responsive.
 //
-// A long call runs on a worker thread. The calling thread gives up the GIL and wakes every 50 ms
+// A long call runs on a worker thread. The calling thread gives up the GIL and wakes every 200 ms
 // to look for Ctrl-C (PyErr_CheckSignals, which runs Python's handler) and to hand the progress to
 // the caller's callback. A stop is asked through the library's own mechanism: every NCProgress
 // the call creates answers IsBreakPressed, so the fit ends at its next check with the library's
@@ -232,7 +232,7 @@ Result RunLong(std::function<Result()> work, const py::object& callback, int thr
   });
   std::unique_lock<std::mutex> waiting(job->lock);
   while (!job->done && !python_error) {
-    job->finished.wait_for(waiting, std::chrono::milliseconds(50));
+    job->finished.wait_for(waiting, std::chrono::milliseconds(200));
     if (job->done) break;
     waiting.unlock();
     {

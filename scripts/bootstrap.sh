@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
 # Installs, only when missing, every Debian package that the library, its tests, its benchmarks
 # and the command-line tool need (chromium: the test that opens the HTML report headless; doxygen
-# and help2man: the reference and the manual page, built on request). Safe
-# to run again: a machine that has everything is left alone.
+# and help2man: the reference and the manual page, built on request; the python3 packages and
+# pybind11: the Python package, built with `pip install --no-build-isolation ./python` by
+# /usr/bin/python3; fastcluster: the clustering comparison benchmark). Safe to run again: a
+# machine that has everything is left alone.
 set -euo pipefail
 
 packages=(
@@ -16,6 +18,8 @@ packages=(
   clang libclang-rt-14-dev
   chromium
   doxygen help2man
+  python3-dev python3-venv python3-pip python3-setuptools python3-wheel pybind11-dev
+  python3-numpy python3-pandas python3-pytest python3-sklearn python3-scipy python3-fastcluster
 )
 
 missing=()

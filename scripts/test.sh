@@ -18,6 +18,21 @@ run() {  # run NAME BUILD_TYPE SANITIZE
 }
 
 run release Release OFF
+
+# The Python package: the extension built in the release tree, installed into a venv that sees
+# Debian's numpy, SciPy and scikit-learn, its tests run by Debian's interpreter against the
+# release build of the tool. pytest's exit 5 (nothing collected) counts as a failure.
+python_dir=build/release venv=build/python-venv
+cmake -S . -B "$python_dir" -DMVDA_BUILD_PYTHON=ON -DPYTHON_EXECUTABLE=/usr/bin/python3 >/dev/null
+cmake --build "$python_dir" -j "$jobs" --target mvda_python
+[ -x "$venv/bin/python" ] || /usr/bin/python3 -m venv --system-site-packages "$venv"
+MVDA_PYTHON_BUILD_DIR="$PWD/$python_dir" "$venv/bin/pip" install --no-build-isolation -q ./python
+python_rc=0
+(cd build && MVDA_TOOL="$PWD/release/apps/mvda/mvda" python-venv/bin/python -m pytest -q \
+  -p no:cacheprovider ../python/tests) || python_rc=$?
+if [ "$python_rc" -eq 5 ]; then echo "test.sh: no Python tests were collected" >&2; fi
+[ "$python_rc" -eq 0 ] || exit 1
+
 run asan RelWithDebInfo ON
 
 # The suites that touch the BLAS, the threads and score estimation, repeated inside one process in

@@ -59,6 +59,7 @@ struct ComponentRow {
   std::vector<double> q2_y, q2_y_cum;  // PLS only: per response
   std::string verdict;
   bool kept = false;
+  int iterations = 0;  // NIPALS iterations of the component's fit
 };
 
 struct ModelResult {

@@ -68,6 +68,7 @@ ModelResult FitPca(Dataset data, const FitSettings& settings) {
     const double ss = static_cast<double>(e.GetSS());
     ComponentRow row;
     row.component = a;
+    row.iterations = model.GetIterations();
     row.r2x = (ss_prev - ss) / ss0;
     row.r2x_cum = 1.0 - ss / ss0;
     row.q2 = cv->GetQ2Tot();

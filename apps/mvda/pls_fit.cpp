@@ -82,6 +82,7 @@ ModelResult FitPls(Dataset data, const FitSettings& settings) {
 
     ComponentRow row;
     row.component = a;
+    row.iterations = model.GetIterations();
     row.r2x = (ssx_prev - ssx) / ssx0;
     row.r2x_cum = 1.0 - ssx / ssx0;
     row.r2y = (ssy_prev - ssy) / ssy0_total;

@@ -939,10 +939,13 @@ void NCDataMatrix<T>::RegressColumnsImpl(const Row& t, const IndexVector* exclud
     return static_cast<T>(Coefficient(a, b, all, fix));
   };
   if (exclude) {
-    // Ranges of columns, each streaming the rows once; a column's sums come from its own column
-    // alone, so the cut (by the width only: about 16 ranges of at least 32 columns) changes no
-    // answer, and a thread that another process slows down takes fewer ranges.
-    const int step = std::max(32, (c + 15) / 16);
+    // Ranges of columns, each streaming the rows once. A column's sums come from its own column
+    // alone, so the cut changes no answer and may follow the team: two ranges per thread (so that
+    // a thread another process slows down takes fewer), each at least 128 columns wide, since
+    // every range reads all the rows again and narrow ranges would waste most of each cache line.
+    const int team = mvda::detail::PiecesTeamSize();
+    const int ranges = std::max(1, std::min(2 * team, c / 128));
+    const int step = std::max(1, (c + ranges - 1) / ranges);
     ParallelFor((c + step - 1) / step, [&](int piece) {
       const int first = piece * step + 1, last = std::min(c, first + step - 1);
       std::vector<double> num(static_cast<std::size_t>(last - first + 1)), den(num.size());

@@ -109,32 +109,13 @@ std::string LoadingPlot(const std::string& title, const Matrix& xprim,
   if (yprim) plot.SetMargins(64, 120, 34, 50);
   plot.Line(plot.XLo(), 0, plot.XHi(), 0, "#999", "4 3", 1);
   if (b > 0) plot.Line(0, plot.YLo(), 0, plot.YHi(), "#999", "4 3", 1);
-  // Names go right of their point, or left, above or below it where that spot is taken.
-  std::vector<std::array<double, 4>> taken;
-  auto place = [&](double px, double py, const std::string& text) {
-    const double w = 6.2 * static_cast<double>(text.size()), h = 11;
-    constexpr int kSpots = 6;  // where every spot is taken, the last one is used anyway
-    const double offsets[kSpots][2] = {{5, -4},      {5, 11},  {-5 - w, -4},
-                                       {-5 - w, 11}, {5, -15}, {5, 22}};
-    for (int k = 0; k < kSpots; ++k) {
-      const double x0 = px + offsets[k][0], y0 = py + offsets[k][1] - h;
-      const bool clear = std::none_of(taken.begin(), taken.end(), [&](const auto& r) {
-        return x0 < r[2] && x0 + w > r[0] && y0 < r[3] && y0 + h > r[1];
-      });
-      if (clear || k == kSpots - 1) {
-        taken.push_back({x0, y0, x0 + w, y0 + h});
-        plot.TextAt(px + offsets[k][0], py + offsets[k][1], text, "#333");
-        return;
-      }
-    }
-  };
   auto draw = [&](const Matrix& m, const std::vector<std::string>& names, const char* colour) {
     for (int j = 1; j <= m.SizeColumns(); ++j) {
       const double x = b > 0 ? m[a][j] : j, y = b > 0 ? m[b][j] : m[a][j];
       if (!Present(x) || !Present(y)) continue;
       const std::string& name = names[static_cast<std::size_t>(j - 1)];
       plot.Point(x, y, colour, name);
-      place(plot.X(x), plot.Y(y), name);
+      plot.PlaceLabel(plot.X(x), plot.Y(y), name, "#333");
     }
   };
   draw(xprim, x_names, SeriesColour(0));
@@ -146,7 +127,8 @@ std::string LoadingPlot(const std::string& title, const Matrix& xprim,
   return plot.Svg();
 }
 
-// Cumulative R2 and Q2 per component, side by side.
+// Cumulative R2 and Q2 per component, and each component's own Q2 with the limit it has to pass
+// to be kept.
 std::string SummaryBars(const ModelResult& r, bool pls) {
   std::vector<std::string> names;
   Range yr;
@@ -154,30 +136,39 @@ std::string SummaryBars(const ModelResult& r, bool pls) {
   yr.Add(1);
   for (const ComponentRow& row : r.rows) {
     names.push_back(std::to_string(row.component) + (row.kept ? "" : " (" + row.verdict + ")"));
-    yr.Add(row.q2_cum);
+    for (const double v : {row.q2_cum, row.q2, row.q2_limit}) yr.Add(v);
   }
-  SvgPlot plot(560, 360, "Explained and predicted variation", "Component", "Fraction (cumulative)");
-  plot.SetMargins(64, 130, 34, 50);
+  SvgPlot plot(600, 360, "Explained and predicted variation", "Component", "Fraction");
+  plot.SetMargins(64, 150, 34, 50);
   plot.SetXCategories(names);
   plot.SetYRange(std::max(yr.lo, -1.0), yr.hi, false);
   const char* r2_name = pls ? "R2Y(cum)" : "R2X(cum)";
   for (const ComponentRow& row : r.rows) {
     const double x = row.component;
     const double r2 = pls ? row.r2y_cum : row.r2x_cum;
-    plot.Bar(x - 0.35, x, r2, SeriesColour(0), std::string(r2_name) + " " + Fixed(r2));
-    plot.Bar(x, x + 0.35, std::max(row.q2_cum, -1.0), SeriesColour(2),
+    plot.Bar(x - 0.39, x - 0.13, r2, SeriesColour(0), std::string(r2_name) + " " + Fixed(r2));
+    plot.Bar(x - 0.13, x + 0.13, std::max(row.q2_cum, -1.0), SeriesColour(2),
              "Q2(cum) " + Fixed(row.q2_cum));
+    plot.Bar(x + 0.13, x + 0.39, std::max(row.q2, -1.0), SeriesColour(7),
+             "Q2 of component " + std::to_string(row.component) + " " + Fixed(row.q2) +
+                 ", limit " + Fixed(row.q2_limit));
+    plot.Line(x + 0.09, row.q2_limit, x + 0.43, row.q2_limit, "#222", "", 2.5);
   }
   plot.Line(0.4, 0, static_cast<double>(names.size()) + 0.6, 0, "#444", "", 1);
   plot.AddLegend(r2_name, SeriesColour(0));
   plot.AddLegend("Q2(cum)", SeriesColour(2));
+  plot.AddLegend("Q2 (component)", SeriesColour(7));
+  plot.AddLegend("Q2 limit", "#222", true);
   return plot.Svg();
 }
 
+// Predicted (or fitted: `what`) against observed values of one response, with the figures of merit
+// written in the top left corner.
 std::string ObservedPredicted(const std::string& title, const Matrix& observed,
                               const Matrix& predicted, int column,
-                              const std::vector<std::string>& names, const std::string& y_name) {
-  SvgPlot plot(520, 440, title, "Observed " + y_name, "Predicted " + y_name);
+                              const std::vector<std::string>& names, const std::string& y_name,
+                              const std::string& what, const std::vector<std::string>& notes) {
+  SvgPlot plot(520, 440, title, "Observed " + y_name, what + " " + y_name);
   Range r;
   for (int i = 1; i <= observed.SizeRows(); ++i) {
     if (!Present(observed[i][column]) || !Present(predicted[i][column])) continue;
@@ -193,7 +184,10 @@ std::string ObservedPredicted(const std::string& title, const Matrix& observed,
     if (!Present(o) || !Present(p)) continue;
     plot.Point(o, p, SeriesColour(0),
                names[static_cast<std::size_t>(i - 1)] + ": " + Fixed(o, 4) + " observed, " +
-                   Fixed(p, 4) + " predicted");
+                   Fixed(p, 4) + " " + what);
+  }
+  for (std::size_t k = 0; k < notes.size(); ++k) {
+    plot.TextAt(plot.Left() + 8, plot.Top() + 16 + 15 * static_cast<double>(k), notes[k], "#222", 12);
   }
   return plot.Svg();
 }
@@ -215,26 +209,38 @@ std::string ComponentTable(const ModelResult& r, bool pls) {
   return os.str();
 }
 
-std::string AxisName(const char* letter, int a, const ModelResult& r, bool pls) {
+// The name of component a on an axis with the share of X it explains: for PLS too, since the
+// scores and loadings are of X.
+std::string AxisName(const std::string& letter, int a, const ModelResult& r) {
   const ComponentRow& row = r.rows[static_cast<std::size_t>(a - 1)];
-  return std::string(letter) + std::to_string(a) + " (" + (pls ? "R2Y " : "R2X ") +
-         Percent(pls ? row.r2y : row.r2x) + ")";
+  return letter + std::to_string(a) + " (R2X " + Percent(row.r2x) + ")";
 }
 
 // The merge tree with leaves along the bottom, coloured by class (or, without classes, by the
-// clusters of a cut); a cut is drawn as a dashed line between the merges it undoes and keeps.
+// clusters of a cut); the branches of each cluster of a cut have the cluster's colour, and the
+// cut itself is a dashed line between the merges it undoes and keeps. Leaf names are drawn where
+// they fit at a readable size (every name, or every second, third... one); every leaf has its
+// name as hover text over its whole column.
 std::string Dendrogram(const ClusterResult& r) {
   const std::size_t n = r.leaf_order.size();
-  constexpr int kWidth = 1080, kLeft = 64, kRight = 130;
+  constexpr int kWidth = 1080, kLeft = 64, kRight = 130, kFont = 10;
   const double spacing = static_cast<double>(kWidth - kLeft - kRight) / static_cast<double>(n);
-  const bool labels = spacing >= 4;  // below that a name is a smudge; the tooltip still has it
-  const int font = std::min(11, static_cast<int>(spacing) + 1);
+  // Rotated names sit side by side: one per slot when the slots are as wide as the text is high.
+  const std::size_t stride = static_cast<std::size_t>(std::ceil((kFont + 1.0) / spacing));
+  const bool labels = stride <= 8;  // sparser than that, a few names do not help
   std::size_t longest = 0;
   for (const std::string& name : r.data.row_names) longest = std::max(longest, name.size());
   const int label_room =
-      labels ? 16 + static_cast<int>(0.62 * font * static_cast<double>(longest)) : 0;
-  SvgPlot plot(kWidth, 400 + label_room, "Dendrogram (" + r.method + ")",
-               labels ? "" : "Observations (" + std::to_string(n) + ")", "Merge height");
+      labels ? 12 + static_cast<int>(0.6 * kFont * static_cast<double>(std::min<std::size_t>(
+                                                        longest, 40)))
+             : 0;
+  const int bottom = labels ? label_room + 40 : 50;
+  std::string x_label = "Observations (" + std::to_string(n) + ")";
+  if (labels && stride > 1) {
+    x_label += ", every " + std::to_string(stride) + (stride == 2 ? "nd" : stride == 3 ? "rd" : "th") +
+               " named; hover for the others";
+  }
+  SvgPlot plot(kWidth, 350 + bottom, "Dendrogram (" + r.method + ")", x_label, "Merge height");
   std::vector<std::string> groups = r.data.classes;
   std::string group_name = r.data.class_name;
   if (groups.empty() && r.cut > 0) {
@@ -243,18 +249,47 @@ std::string Dendrogram(const ClusterResult& r) {
   }
   std::vector<std::string> order;
   const auto colours = ClassColours(groups, order);
-  plot.SetMargins(kLeft, kRight, 34, labels ? label_room + 10 : 50);
+  plot.SetMargins(kLeft, kRight, 34, bottom);
   const double top = r.nodes.back().height;
   plot.SetXRange(-0.5, static_cast<double>(n) - 0.5, false);
   plot.SetYRange(0, top > 0 ? top * 1.04 : 1, false);
   plot.SetXTickLabelsHidden();
-  for (const auto& node : r.nodes) {
+  // The colour of every node's branches: that of the cut cluster it belongs to, else dark grey.
+  // Cluster colours follow the class colours so that the two never share one.
+  std::vector<const char*> branch(r.nodes.size(), "#333");
+  const bool by_class = !r.data.classes.empty();
+  auto cluster_colour = [&](int c) {
+    return by_class ? SeriesColour(order.size() + static_cast<std::size_t>(c) - 1)
+                    : colours.at(std::to_string(c));
+  };
+  if (r.cut > 1) {
+    for (const int root : TopClusters(r, r.cut)) {
+      std::vector<int> stack = {root}, inside;
+      int cluster = 0;
+      while (!stack.empty()) {
+        const int at = stack.back();
+        stack.pop_back();
+        inside.push_back(at);
+        const auto& node = r.nodes[static_cast<std::size_t>(at)];
+        if (node.left < 0) {
+          cluster = r.membership[static_cast<std::size_t>(node.row)];
+        } else {
+          stack.push_back(node.left);
+          stack.push_back(node.right);
+        }
+      }
+      for (const int at : inside) branch[static_cast<std::size_t>(at)] = cluster_colour(cluster);
+    }
+  }
+  for (std::size_t at = 0; at < r.nodes.size(); ++at) {
+    const auto& node = r.nodes[at];
     if (node.left < 0) continue;
     const auto& l = r.nodes[static_cast<std::size_t>(node.left)];
     const auto& rt = r.nodes[static_cast<std::size_t>(node.right)];
-    plot.Line(l.x, l.height, l.x, node.height, "#333", "", 1);
-    plot.Line(rt.x, rt.height, rt.x, node.height, "#333", "", 1);
-    plot.Line(l.x, node.height, rt.x, node.height, "#333", "", 1);
+    plot.Line(l.x, l.height, l.x, node.height, branch[static_cast<std::size_t>(node.left)], "", 1);
+    plot.Line(rt.x, rt.height, rt.x, node.height, branch[static_cast<std::size_t>(node.right)], "",
+              1);
+    plot.Line(l.x, node.height, rt.x, node.height, branch[at], "", 1);
   }
   if (r.cut > 1) {
     // Midway between the highest merge kept and the lowest one undone.
@@ -277,15 +312,31 @@ std::string Dendrogram(const ClusterResult& r) {
     if (!r.data.classes.empty()) tip += " (" + r.data.class_name + " " + r.data.classes[obs] + ")";
     if (r.cut > 0) tip += ", cluster " + std::to_string(r.membership[obs]);
     plot.Point(static_cast<double>(s), 0, colour, tip, std::min(3.0, 0.45 * spacing));
-    if (labels) {
-      char head[96];
+    const double px = plot.X(static_cast<double>(s));
+    char box[160];
+    // The hover target: the leaf's slot from the axis down through the names.
+    std::snprintf(box, sizeof box,
+                  "<rect x=\"%.1f\" y=\"%d\" width=\"%.2f\" height=\"%d\" fill=\"#000\" "
+                  "fill-opacity=\"0\"><title>",
+                  px - 0.5 * spacing, plot.Bottom(), spacing, label_room + 8);
+    plot.Raw(std::string(box) + Escape(tip) + "</title></rect>\n");
+    if (labels && s % stride == 0) {
+      std::string name = r.data.row_names[obs];
+      if (name.size() > 40) name = name.substr(0, 39) + "\u2026";
+      char head[128];
       std::snprintf(head, sizeof head, "<text transform=\"translate(%.1f,%.1f) rotate(-90)\" ",
-                    plot.X(static_cast<double>(s)) + 0.35 * font, plot.Bottom() + 6.0);
-      plot.Raw(std::string(head) + "text-anchor=\"end\" font-size=\"" + std::to_string(font) +
-               "\" fill=\"" + colour + "\">" + Escape(r.data.row_names[obs]) + "</text>\n");
+                    px + 0.35 * kFont, plot.Bottom() + 6.0);
+      plot.Raw(std::string(head) + "text-anchor=\"end\" font-size=\"" + std::to_string(kFont) +
+               "\" fill=\"" + colour + "\" pointer-events=\"none\">" + Escape(name) +
+               "</text>\n");
     }
   }
   for (const std::string& c : order) plot.AddLegend(group_name + " " + c, colours.at(c));
+  if (by_class && r.cut > 1) {
+    for (int c = 1; c <= r.cut; ++c) {
+      plot.AddLegend("Cluster " + std::to_string(c), cluster_colour(c), true);
+    }
+  }
   return plot.Svg();
 }
 
@@ -304,8 +355,7 @@ std::string ChartPanel(const ChartResult& r, const ChartResult::Panel& p) {
   plot.SetYRange(yr.lo, yr.hi);
   if (r.baseline < count) {
     const double edge = r.baseline + 0.5;
-    plot.Line(edge, plot.YLo(), edge, plot.YHi(), "#777", "2 3", 1);
-    plot.TextAt(plot.X(edge) + 4, plot.Bottom() - 6, "end of baseline", "#555");
+    plot.VLine(edge, "#777", "2 3", "end of baseline");
   }
   if (Present(p.upper))
     plot.HLine(p.upper, "#d62728", "6 4", (cusum ? "h " : "UCL ") + Fixed(p.upper));
@@ -357,17 +407,16 @@ void Report::AddPca(const ModelResult& r) {
     const int b = r.components >= 2 ? 2 : 0;
     os << Figure(
               ScorePlot("Scores", r.tprim, 1, b, d.row_names, d.classes, d.class_name,
-                        b ? AxisName("t", 1, r, false) : "Observation",
-                        AxisName("t", b ? 2 : 1, r, false)),
+                        b ? AxisName("t", 1, r) : "Observation", AxisName("t", b ? 2 : 1, r)),
               "Score plot: each point is an observation" +
                   (d.class_name.empty() ? std::string() : ", coloured by " + Escape(d.class_name)) +
                   ".")
        << Figure(LoadingPlot("Loadings", r.pprim, d.x_names, nullptr, {}, 1, b,
-                             b ? "p1" : "Variable", b ? "p2" : "p1"),
+                             b ? AxisName("p", 1, r) : "Variable", AxisName("p", b ? 2 : 1, r)),
                  "Loading plot: variables far from the origin shape the components; variables "
                  "close together are correlated.");
   }
-  os << Figure(SummaryBars(r, false), "Cumulative R2X and Q2 per component.") << "</section>\n";
+  os << Figure(SummaryBars(r, false), "Cumulative R2X and Q2, and each component's Q2 against the limit it must exceed to be kept.") << "</section>\n";
   body_ += os.str();
 }
 
@@ -383,20 +432,21 @@ void Report::AddPls(const ModelResult& r) {
   if (r.components >= 1) {
     const int b = r.components >= 2 ? 2 : 0;
     os << Figure(ScorePlot("X scores", r.tprim, 1, b, d.row_names, d.classes, d.class_name,
-                           b ? AxisName("t", 1, r, true) : "Observation",
-                           AxisName("t", b ? 2 : 1, r, true)),
+                           b ? AxisName("t", 1, r) : "Observation", AxisName("t", b ? 2 : 1, r)),
                  "Score plot of the X scores.")
        << Figure(LoadingPlot("Weights w* and c", r.wstar_prim, d.x_names, &r.cprim, d.y_names, 1, b,
-                             b ? "w*c1" : "Variable", b ? "w*c2" : "w*c1"),
+                             b ? AxisName("w*c", 1, r) : "Variable",
+                             AxisName("w*c", b ? 2 : 1, r)),
                  "X variables near a response relate to it positively; opposite it, negatively.");
     for (std::size_t m = 0; m < d.y_names.size() && m < 4; ++m) {
       os << Figure(ObservedPredicted("Observed and fitted " + d.y_names[m], d.y, r.fitted,
-                                     static_cast<int>(m) + 1, d.row_names, d.y_names[m]),
+                                     static_cast<int>(m) + 1, d.row_names, d.y_names[m], "Fitted",
+                                     {}),
                    "Fitted against observed " + Escape(d.y_names[m]) +
                        "; the dashed line is a perfect fit.");
     }
   }
-  os << Figure(SummaryBars(r, true), "Cumulative R2Y and Q2 per component.") << "</section>\n";
+  os << Figure(SummaryBars(r, true), "Cumulative R2Y and Q2, and each component's Q2 against the limit it must exceed to be kept.") << "</section>\n";
   body_ += os.str();
 }
 
@@ -416,7 +466,8 @@ void Report::AddPredict(const PredictResult& r) {
   if (r.y_observed.SizeRows() > 0) {
     for (std::size_t m = 0; m < r.y_names.size() && m < 4; ++m) {
       os << Figure(ObservedPredicted("Observed and predicted " + r.y_names[m], r.y_observed,
-                                     r.y_pred, static_cast<int>(m) + 1, r.row_names, r.y_names[m]),
+                                     r.y_pred, static_cast<int>(m) + 1, r.row_names, r.y_names[m],
+                                     "Predicted", {}),
                    "Predicted against observed " + Escape(r.y_names[m]) + ".");
     }
   }

@@ -10,6 +10,10 @@
 #include <mvda/containers/integral_vector.h>
 #include <mvda/containers/multi_threading.h>
 #include <mvda/containers/string_vector.h>
+#include <mvda/diagnostics/contributions.h>
+#include <mvda/diagnostics/hotelling.h>
+#include <mvda/diagnostics/pls_diagnostics.h>
+#include <mvda/diagnostics/spe.h>
 #include <mvda/models/pca.h>
 #include <mvda/models/pca_pred.h>
 #include <mvda/models/pls.h>

@@ -32,6 +32,7 @@ struct PredictOptions {
   double max_missing = 0.5;
   std::string class_column;
   std::string output;  // CSV of scores and predictions
+  std::vector<std::string> alphas;  // extra limit levels (--alpha)
   Outputs out;
 };
 

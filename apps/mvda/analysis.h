@@ -131,6 +131,7 @@ struct PredictResult {
   std::string model_source;
   int components = 0;
   std::vector<std::string> row_names;
+  std::vector<std::string> x_names;   // the model's X variables
   std::vector<double> missing_share;  // per observation
   std::vector<bool> scored;           // false: too many missing values, no scores
   double max_missing = 0.5;

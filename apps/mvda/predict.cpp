@@ -45,6 +45,7 @@ PredictResult Predict(const ModelFile& model, const std::string& model_path, con
   result.model_source = model.source;
   result.components = model.Components();
   result.row_names = table.row_names;
+  for (int j = 1; j <= model.x_names.Size(); ++j) result.x_names.push_back(model.x_names[j]);
   result.max_missing = max_missing;
   if (!class_column.empty()) {
     const int c = table.Find(class_column);

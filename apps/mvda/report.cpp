@@ -1,3 +1,7 @@
+#include <mvda/diagnostics/hotelling.h>
+#include <mvda/diagnostics/pls_diagnostics.h>
+#include <mvda/platform/error.h>
+
 #include <algorithm>
 #include <array>
 #include <cmath>
@@ -50,28 +54,68 @@ std::string Figure(const std::string& svg, const std::string& caption) {
   return "<figure>" + svg + "<figcaption>" + caption + "</figcaption></figure>\n";
 }
 
-// Scores of components a and b (b = 0: against the observation number), coloured by class.
+// Scores of components a and b (b = 0: against the observation number), coloured by class, with
+// the 95 % and 99 % T² ellipses of the training set (for b = 0, the band |t| <= sqrt(s² L)) when
+// d is given; observations outside the 99 % ellipse (or band) are named.
 std::string ScorePlot(const std::string& title, const Matrix& tprim, int a, int b,
                       const std::vector<std::string>& names,
                       const std::vector<std::string>& classes, const std::string& class_name,
-                      const std::string& x_label, const std::string& y_label) {
+                      const std::string& x_label, const std::string& y_label,
+                      const Diagnostics* d) {
   const int n = tprim.SizeColumns();
   std::vector<std::string> order;
   const auto colours = ClassColours(classes, order);
   SvgPlot plot(640, 440, title, x_label, y_label);
-  if (!order.empty()) plot.SetMargins(64, 130, 34, 50);
+  plot.SetMargins(64, 130, 34, 50);
   Range xr, yr;
   for (int i = 1; i <= n; ++i) {
     xr.Add(b > 0 ? tprim[a][i] : i);
     yr.Add(b > 0 ? tprim[b][i] : tprim[a][i]);
   }
   if (xr.Empty() || yr.Empty()) return "";
+  // The semi-axes at each level: the 2-D ellipse, or the band of one component's T².
+  std::vector<std::pair<double, double>> axes;  // (horizontal, vertical) for 95 %, 99 %
+  if (d && !d->score_variances.empty()) {
+    for (const double alpha : {0.95, 0.99}) {
+      try {
+        if (b > 0) {
+          const auto e = diagnostics::T2Ellipse(d->score_variances, a, b, d->training_observations,
+                                                alpha);
+          axes.emplace_back(e.horizontal, e.vertical);
+        } else if (d->score_variances.size() == 1 && Present(d->T2Limit(alpha))) {
+          axes.emplace_back(0, std::sqrt(d->score_variances[0] * d->T2Limit(alpha)));
+        }
+      } catch (const NCError&) {
+        // Too few training observations for a limit: no ellipse.
+      }
+    }
+  }
+  for (const auto& [h, v] : axes) {
+    if (b > 0) {
+      xr.Add(-h);
+      xr.Add(h);
+    }
+    yr.Add(-v);
+    yr.Add(v);
+  }
   xr.Add(0);
   yr.Add(0);
   plot.SetXRange(xr.lo, xr.hi);
   plot.SetYRange(yr.lo, yr.hi);
   plot.Line(plot.XLo(), 0, plot.XHi(), 0, "#999", "4 3", 1);
   if (b > 0) plot.Line(0, plot.YLo(), 0, plot.YHi(), "#999", "4 3", 1);
+  const char* const kColour[] = {"#ff7f0e", "#d62728"};  // as on the T² and SPE charts
+  for (std::size_t l = 0; l < axes.size(); ++l) {
+    const char* level = l == 0 ? "95%" : "99%";
+    if (b > 0) {
+      plot.Ellipse(0, 0, axes[l].first, axes[l].second, kColour[l], "6 4",
+                   std::string("T2 ") + level + " ellipse");
+    } else {
+      plot.HLine(axes[l].second, kColour[l], "6 4", std::string("T2 ") + level);
+      plot.HLine(-axes[l].second, kColour[l], "6 4", "");
+    }
+  }
+  std::vector<int> outside;
   for (int i = 1; i <= n; ++i) {
     const double x = b > 0 ? tprim[a][i] : i, y = b > 0 ? tprim[b][i] : tprim[a][i];
     if (!Present(x) || !Present(y)) continue;
@@ -79,9 +123,211 @@ std::string ScorePlot(const std::string& title, const Matrix& tprim, int a, int 
     const std::string cls = classes.empty() ? "" : classes[static_cast<std::size_t>(i - 1)];
     plot.Point(x, y, classes.empty() ? SeriesColour(0) : colours.at(cls),
                name + (cls.empty() ? "" : " (" + class_name + " " + cls + ")"));
+    if (axes.size() == 2) {
+      const auto [h, v] = axes[1];
+      const double reach = b > 0 ? (x / h) * (x / h) + (y / v) * (y / v) : (y / v) * (y / v);
+      if (reach > 1) outside.push_back(i);
+    }
+  }
+  auto position = [&](int i) {
+    const double x = b > 0 ? tprim[a][i] : i, y = b > 0 ? tprim[b][i] : tprim[a][i];
+    return std::make_pair(plot.X(x), plot.Y(y));
+  };
+  for (const int i : outside) plot.Reserve(position(i).first, position(i).second, 3.5);
+  for (const int i : outside) {
+    const auto [px, py] = position(i);
+    plot.PlaceLabel(px, py, names[static_cast<std::size_t>(i - 1)], "#a00", false);
   }
   for (const std::string& c : order) plot.AddLegend(class_name + " " + c, colours.at(c));
+  if (axes.size() == 2) {
+    plot.AddLegend("T2 95%", kColour[0], true);
+    plot.AddLegend("T2 99%", kColour[1], true);
+  }
   return plot.Svg();
+}
+
+// One statistic per observation (T² or SPE) with its 95 % and 99 % limits; observations beyond
+// the 99 % limit are red and named.
+std::string StatisticChart(const std::string& title, const std::string& statistic,
+                           const std::vector<double>& values, double limit95, double limit99,
+                           const std::vector<std::string>& names) {
+  SvgPlot plot(860, 340, title, "Observation", statistic);
+  plot.SetMargins(64, 130, 34, 50);
+  Range yr;
+  yr.Add(0);
+  for (const double v : values) yr.Add(v);
+  yr.Add(limit95);
+  yr.Add(limit99);
+  if (yr.Empty()) return "";
+  const int n = static_cast<int>(values.size());
+  plot.SetXRange(0.5, n + 0.5, false);
+  plot.SetYRange(0, yr.hi);
+  if (Present(limit95)) plot.HLine(limit95, "#ff7f0e", "6 4", "95% " + Fixed(limit95));
+  if (Present(limit99)) plot.HLine(limit99, "#d62728", "6 4", "99% " + Fixed(limit99));
+  std::vector<std::pair<double, double>> line;
+  for (int i = 1; i <= n; ++i) {
+    const double v = values[static_cast<std::size_t>(i - 1)];
+    if (Present(v)) line.emplace_back(i, v);
+  }
+  plot.Polyline(line, "#9ab", 0.8);
+  std::vector<int> out;
+  for (const auto& [i, v] : line) {
+    const bool beyond = Present(limit99) && v > limit99;
+    const int obs = static_cast<int>(i);
+    plot.Point(i, v, beyond ? "#d62728" : SeriesColour(0),
+               names[static_cast<std::size_t>(obs - 1)] + ": " + statistic + " " + Fixed(v),
+               n > 200 ? 2.2 : 3);
+    if (beyond) out.push_back(obs);
+  }
+  for (const int i : out) plot.Reserve(plot.X(i), plot.Y(values[static_cast<std::size_t>(i - 1)]), 3);
+  for (const int i : out) {
+    plot.PlaceLabel(plot.X(i), plot.Y(values[static_cast<std::size_t>(i - 1)]),
+                    names[static_cast<std::size_t>(i - 1)], "#a00", false);
+  }
+  plot.AddLegend("95% limit", "#ff7f0e", true);
+  plot.AddLegend("99% limit", "#d62728", true);
+  plot.AddLegend("Beyond 99%", "#d62728");
+  return plot.Svg();
+}
+
+// T² against SPE: an observation outside the box of the 99 % limits is far from the model's
+// centre, far from its plane, or both. The 95 % box is drawn lighter.
+std::string InfluencePlot(const std::string& title, const Diagnostics& d,
+                          const std::vector<std::string>& names) {
+  SvgPlot plot(640, 440, title, "Hotelling's T2", "SPE");
+  plot.SetMargins(64, 130, 34, 50);
+  Range xr, yr;
+  xr.Add(0);
+  yr.Add(0);
+  for (std::size_t i = 0; i < d.t2.size(); ++i) {
+    if (!Present(d.t2[i]) || !Present(d.spe[i])) continue;
+    xr.Add(d.t2[i]);
+    yr.Add(d.spe[i]);
+  }
+  const double t95 = d.T2Limit(0.95), t99 = d.T2Limit(0.99);
+  const double s95 = d.SPELimit(0.95), s99 = d.SPELimit(0.99);
+  for (const double v : {t95, t99}) xr.Add(v);
+  for (const double v : {s95, s99}) yr.Add(v);
+  if (xr.hi <= 0 && yr.hi <= 0) return "";
+  plot.SetXRange(0, xr.hi);
+  plot.SetYRange(0, yr.hi);
+  if (Present(t95)) plot.VLine(t95, "#ff7f0e", "6 4", "T2 95%");
+  if (Present(t99)) plot.VLine(t99, "#d62728", "6 4", "T2 99%");
+  if (Present(s95)) plot.HLine(s95, "#ff7f0e", "6 4", "SPE 95%");
+  if (Present(s99)) plot.HLine(s99, "#d62728", "6 4", "SPE 99%");
+  std::vector<std::size_t> out;
+  for (std::size_t i = 0; i < d.t2.size(); ++i) {
+    if (!Present(d.t2[i]) || !Present(d.spe[i])) continue;
+    const bool beyond = (Present(t99) && d.t2[i] > t99) || (Present(s99) && d.spe[i] > s99);
+    plot.Point(d.t2[i], d.spe[i], beyond ? "#d62728" : SeriesColour(0),
+               names[i] + ": T2 " + Fixed(d.t2[i]) + ", SPE " + Fixed(d.spe[i]));
+    if (beyond) out.push_back(i);
+  }
+  for (const std::size_t i : out) plot.Reserve(plot.X(d.t2[i]), plot.Y(d.spe[i]), 3.5);
+  for (const std::size_t i : out) {
+    plot.PlaceLabel(plot.X(d.t2[i]), plot.Y(d.spe[i]), names[i], "#a00", false);
+  }
+  plot.AddLegend("95% limits", "#ff7f0e", true);
+  plot.AddLegend("99% limits", "#d62728", true);
+  plot.AddLegend("Beyond 99%", "#d62728");
+  return plot.Svg();
+}
+
+// One bar per variable (or response), in the given order, with optional reference lines.
+std::string VariableBars(const std::string& title, const std::string& y_label,
+                         const std::vector<std::string>& names, const std::vector<double>& values,
+                         const std::vector<std::size_t>& order, double reference,
+                         const std::string& reference_label) {
+  const std::size_t k = order.size();
+  // Names under the bars when they fit, else only in the hover text.
+  std::size_t longest = 0;
+  for (const std::size_t j : order) longest = std::max(longest, names[j].size());
+  const int width = static_cast<int>(std::clamp<std::size_t>(64 + 40 + 22 * k, 520, 1080));
+  const double slot = (width - 64.0 - 40) / static_cast<double>(k);
+  const bool labels = slot >= 12;
+  const int room = labels ? 16 + static_cast<int>(6.6 * static_cast<double>(std::min<std::size_t>(
+                                                           longest, 24)))
+                          : 0;
+  SvgPlot plot(width, 320 + room, title, labels ? "Variable" : "Variables (hover for names)",
+               y_label);
+  plot.SetMargins(64, 40, 34, labels ? room + 24 : 50);
+  Range yr;
+  yr.Add(0);
+  yr.Add(reference);
+  for (const double v : values) yr.Add(v);
+  plot.SetXRange(0.5, static_cast<double>(k) + 0.5, false);
+  plot.SetYRange(yr.lo, yr.hi);
+  plot.SetXTickLabelsHidden();
+  for (std::size_t s = 0; s < k; ++s) {
+    const std::size_t j = order[s];
+    const double x = static_cast<double>(s) + 1;
+    const double v = values[j];
+    if (!Present(v)) continue;
+    plot.Bar(x - 0.4, x + 0.4, v, v >= 0 ? SeriesColour(0) : SeriesColour(1),
+             names[j] + ": " + Fixed(v, 4));
+    if (labels) {
+      std::string name = names[j].size() > 24 ? names[j].substr(0, 23) + "\u2026" : names[j];
+      char head[128];
+      std::snprintf(head, sizeof head, "<text transform=\"translate(%.1f,%.1f) rotate(-90)\" ",
+                    plot.X(x) + 4, plot.Bottom() + 6.0);
+      plot.Raw(std::string(head) + "text-anchor=\"end\" font-size=\"11\">" + Escape(name) +
+               "</text>\n");
+    }
+  }
+  plot.Line(0.5, 0, static_cast<double>(k) + 0.5, 0, "#444", "", 1);
+  if (!reference_label.empty()) plot.HLine(reference, "#d62728", "6 4", reference_label);
+  return plot.Svg();
+}
+
+std::vector<std::size_t> NaturalOrder(std::size_t k) {
+  std::vector<std::size_t> order(k);
+  for (std::size_t j = 0; j < k; ++j) order[j] = j;
+  return order;
+}
+
+// The contributions of the variables to the statistic that puts the most extreme observation
+// furthest out, with a caption naming it.
+std::string ContributionFigure(const Diagnostics& d, const std::vector<std::string>& row_names,
+                               const std::vector<std::string>& x_names) {
+  if (d.extreme == 0 || d.contributions.empty()) return "";
+  const std::size_t i = static_cast<std::size_t>(d.extreme - 1);
+  const std::string& name = row_names[i];
+  const std::string statistic = d.extreme_by_spe ? "SPE" : "T2";
+  const double value = d.extreme_by_spe ? d.spe[i] : d.t2[i];
+  const double limit = d.extreme_by_spe ? d.SPELimit(0.99) : d.T2Limit(0.99);
+  return Figure(VariableBars("Contributions to the " + statistic + " of " + name,
+                             d.extreme_by_spe ? "Residual (scaled units)" : "Contribution to T2",
+                             x_names, d.contributions, NaturalOrder(x_names.size()), 0, ""),
+                "The most extreme observation, " + Escape(name) + ": " + statistic + " " +
+                    Fixed(value) + " against a 99% limit of " + Fixed(limit) +
+                    (d.extreme_by_spe
+                         ? ". Each bar is the variable's residual after the model (scaled units); "
+                           "the tallest bars are what the model does not explain."
+                         : ". Each bar is the variable's pull along the model's components "
+                           "(scaled units); the tallest bars put the observation far from the "
+                           "centre."));
+}
+
+// The pictures of T² and SPE: the two charts per observation and the influence plot.
+std::string DiagnosticsFigures(const Diagnostics& d, const std::vector<std::string>& names,
+                               const std::string& whose) {
+  std::string out;
+  if (std::any_of(d.t2.begin(), d.t2.end(), Present)) {
+    out += Figure(StatisticChart("Hotelling's T2" + whose, "T2", d.t2, d.T2Limit(0.95),
+                                 d.T2Limit(0.99), names),
+                  "Distance of each observation from the centre of the model, within its "
+                  "plane, with the 95% and 99% limits.");
+  }
+  out += Figure(StatisticChart("SPE" + whose, "SPE", d.spe, d.SPELimit(0.95), d.SPELimit(0.99),
+                               names),
+                "Squared distance of each observation from the model's plane (residual after the "
+                "components, scaled units), with the 95% and 99% limits.");
+  if (std::any_of(d.t2.begin(), d.t2.end(), Present)) {
+    out += Figure(InfluencePlot("T2 against SPE" + whose, d, names),
+                  "Observations outside the box of the 99% limits are named: to the right they "
+                  "are extreme within the model, above it the model does not describe them.");
+  }
+  return out;
 }
 
 // Loadings (or weights) of components a and b, one labelled point per variable; a second set
@@ -405,18 +651,25 @@ void Report::AddPca(const ModelResult& r) {
      << ComponentTable(r, false);
   if (r.components >= 1) {
     const int b = r.components >= 2 ? 2 : 0;
-    os << Figure(
-              ScorePlot("Scores", r.tprim, 1, b, d.row_names, d.classes, d.class_name,
-                        b ? AxisName("t", 1, r) : "Observation", AxisName("t", b ? 2 : 1, r)),
-              "Score plot: each point is an observation" +
-                  (d.class_name.empty() ? std::string() : ", coloured by " + Escape(d.class_name)) +
-                  ".")
+    os << Figure(ScorePlot("Scores", r.tprim, 1, b, d.row_names, d.classes, d.class_name,
+                           b ? AxisName("t", 1, r) : "Observation", AxisName("t", b ? 2 : 1, r),
+                           &r.diagnostics),
+                 "Score plot: each point is an observation" +
+                     (d.class_name.empty() ? std::string()
+                                           : ", coloured by " + Escape(d.class_name)) +
+                     "; the ellipses hold 95% and 99% of the observations a model like this "
+                     "expects, and those outside the 99% one are named.")
        << Figure(LoadingPlot("Loadings", r.pprim, d.x_names, nullptr, {}, 1, b,
                              b ? AxisName("p", 1, r) : "Variable", AxisName("p", b ? 2 : 1, r)),
                  "Loading plot: variables far from the origin shape the components; variables "
                  "close together are correlated.");
   }
-  os << Figure(SummaryBars(r, false), "Cumulative R2X and Q2, and each component's Q2 against the limit it must exceed to be kept.") << "</section>\n";
+  os << DiagnosticsFigures(r.diagnostics, d.row_names, "")
+     << ContributionFigure(r.diagnostics, d.row_names, d.x_names)
+     << Figure(SummaryBars(r, false),
+               "Cumulative R2X and Q2, and each component's Q2 against the limit it must exceed "
+               "to be kept.")
+     << "</section>\n";
   body_ += os.str();
 }
 
@@ -432,21 +685,53 @@ void Report::AddPls(const ModelResult& r) {
   if (r.components >= 1) {
     const int b = r.components >= 2 ? 2 : 0;
     os << Figure(ScorePlot("X scores", r.tprim, 1, b, d.row_names, d.classes, d.class_name,
-                           b ? AxisName("t", 1, r) : "Observation", AxisName("t", b ? 2 : 1, r)),
-                 "Score plot of the X scores.")
+                           b ? AxisName("t", 1, r) : "Observation", AxisName("t", b ? 2 : 1, r),
+                           &r.diagnostics),
+                 "Score plot of the X scores with the 95% and 99% T2 ellipses; observations "
+                 "outside the 99% one are named.")
        << Figure(LoadingPlot("Weights w* and c", r.wstar_prim, d.x_names, &r.cprim, d.y_names, 1, b,
                              b ? AxisName("w*c", 1, r) : "Variable",
                              AxisName("w*c", b ? 2 : 1, r)),
                  "X variables near a response relate to it positively; opposite it, negatively.");
+    const diagnostics::PredictionErrors fit = diagnostics::PredictionError(d.y, r.fitted);
     for (std::size_t m = 0; m < d.y_names.size() && m < 4; ++m) {
+      const std::vector<std::string> notes = {"R2 " + Fixed(fit.r2[m]),
+                                              "RMSEE " + Fixed(r.rmsee[m], 4),
+                                              "RMSECV " + Fixed(r.rmsecv[m], 4)};
       os << Figure(ObservedPredicted("Observed and fitted " + d.y_names[m], d.y, r.fitted,
                                      static_cast<int>(m) + 1, d.row_names, d.y_names[m], "Fitted",
-                                     {}),
+                                     notes),
                    "Fitted against observed " + Escape(d.y_names[m]) +
-                       "; the dashed line is a perfect fit.");
+                       "; the dashed line is a perfect fit. RMSEE is the error of the fit, RMSECV "
+                       "that of cross-validation, both in the units of " +
+                       Escape(d.y_names[m]) + ".");
+    }
+    // Most important first; 1 is the customary threshold (the squares average to 1).
+    std::vector<std::size_t> order = NaturalOrder(d.x_names.size());
+    std::stable_sort(order.begin(), order.end(),
+                     [&](std::size_t i, std::size_t j) { return r.vip[i] > r.vip[j]; });
+    os << Figure(VariableBars("Variable importance (VIP)", "VIP", d.x_names, r.vip, order, 1,
+                              "VIP 1"),
+                 "Variables above 1 matter most to the model of all responses; those well below "
+                 "1 could be left out.");
+    for (std::size_t m = 0; m < d.y_names.size() && m < 4; ++m) {
+      std::vector<double> b_m;
+      for (int j = 1; j <= r.scaled_coefficients.SizeRows(); ++j) {
+        b_m.push_back(r.scaled_coefficients[j][static_cast<int>(m) + 1]);
+      }
+      os << Figure(VariableBars("Coefficients for " + d.y_names[m], "Coefficient (scaled)",
+                                d.x_names, b_m, NaturalOrder(d.x_names.size()), 0, ""),
+                   "Regression coefficients of " + Escape(d.y_names[m]) +
+                       " in scaled units, so that variables compare; the table of coefficients "
+                       "in the units of the data is in the text and JSON output.");
     }
   }
-  os << Figure(SummaryBars(r, true), "Cumulative R2Y and Q2, and each component's Q2 against the limit it must exceed to be kept.") << "</section>\n";
+  os << DiagnosticsFigures(r.diagnostics, d.row_names, "")
+     << ContributionFigure(r.diagnostics, d.row_names, d.x_names)
+     << Figure(SummaryBars(r, true),
+               "Cumulative R2Y and Q2, and each component's Q2 against the limit it must exceed "
+               "to be kept.")
+     << "</section>\n";
   body_ += os.str();
 }
 
@@ -454,21 +739,33 @@ void Report::AddPredict(const PredictResult& r) {
   std::ostringstream os;
   int skipped = 0;
   for (const bool s : r.scored) skipped += !s;
+  const Diagnostics& d = r.diagnostics;
   os << "<section><h2>Prediction with " << Escape(r.model_path) << "</h2>\n<p>"
      << r.row_names.size() << " observations scored by a "
      << (r.kind == ModelFile::kPCA ? "PCA" : "PLS") << " model of " << r.components
-     << " components fitted on " << Escape(r.model_source) << "; " << skipped
-     << " not scored (more than " << Fixed(100 * r.max_missing, 0) << "% missing).</p>\n";
+     << " components fitted on " << Escape(r.model_source) << " (" << d.training_observations
+     << " observations); " << skipped << " not scored (more than " << Fixed(100 * r.max_missing, 0)
+     << "% missing); " << d.Beyond99().size()
+     << " beyond the 99% limits of T2 or SPE. The limits are those of the training set: T2 in "
+        "the form for new observations, SPE from the training residuals.</p>\n";
   const int b = r.components >= 2 ? 2 : 0;
   os << Figure(ScorePlot("Predicted scores", r.tprim, 1, b, r.row_names, r.classes, r.class_name,
-                         b ? "t1" : "Observation", b ? "t2" : "t1"),
-               "Scores of the new observations.");
+                         b ? "t1" : "Observation", b ? "t2" : "t1", &d),
+               "Scores of the new observations within the training set's 95% and 99% T2 "
+               "ellipses; those outside the 99% one are named.")
+     << DiagnosticsFigures(d, r.row_names, " of the new observations")
+     << ContributionFigure(d, r.row_names, r.x_names);
   if (r.y_observed.SizeRows() > 0) {
     for (std::size_t m = 0; m < r.y_names.size() && m < 4; ++m) {
+      std::vector<std::string> notes;
+      if (m < r.rmsep.size()) {
+        notes = {"RMSEP " + Fixed(r.rmsep[m], 4), "R2 of prediction " + Fixed(r.r2_prediction[m])};
+      }
       os << Figure(ObservedPredicted("Observed and predicted " + r.y_names[m], r.y_observed,
                                      r.y_pred, static_cast<int>(m) + 1, r.row_names, r.y_names[m],
-                                     "Predicted", {}),
-                   "Predicted against observed " + Escape(r.y_names[m]) + ".");
+                                     "Predicted", notes),
+                   "Predicted against observed " + Escape(r.y_names[m]) +
+                       "; RMSEP is the error of prediction in its units.");
     }
   }
   os << "</section>\n";

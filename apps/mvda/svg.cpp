@@ -223,6 +223,10 @@ void SvgPlot::Ellipse(double cx, double cy, double rx, double ry, const char* co
         << Escape(tip) << "</title></ellipse>\n";
 }
 
+void SvgPlot::Reserve(double px, double py, double radius) {
+  taken_.push_back({px - radius, py - radius, px + radius, py + radius});
+}
+
 bool SvgPlot::PlaceLabel(double px, double py, const std::string& text, const char* colour,
                          bool force) {
   const double w = TextWidth(text), h = 11;
@@ -231,7 +235,8 @@ bool SvgPlot::PlaceLabel(double px, double py, const std::string& text, const ch
   int spot = -1;
   for (int k = 0; k < kSpots && spot < 0; ++k) {
     const double x0 = px + offsets[k][0], y0 = py + offsets[k][1] - h;
-    if (Free(x0, y0, x0 + w, y0 + h)) spot = k;
+    const bool inside = x0 >= Left() && x0 + w <= Right() && y0 >= Top() && y0 + h <= Bottom();
+    if (inside && Free(x0, y0, x0 + w, y0 + h)) spot = k;
   }
   if (spot < 0) {
     if (!force) return false;

@@ -62,10 +62,13 @@ class SvgPlot {
   void Ellipse(double cx, double cy, double rx, double ry, const char* colour, const char* dash,
                const std::string& tip);
   // A name beside the point at pixel (px, py): right of it, or left, above or below it where
-  // another placed label (or a reference-line label) already is. Returns false, drawing nothing,
-  // when every spot is taken.
+  // another placed label (or a reference-line label, or a reserved point) already is, always
+  // inside the plot area. Returns false, drawing nothing, when every spot is taken (with force,
+  // the last spot is used anyway).
   bool PlaceLabel(double px, double py, const std::string& text, const char* colour,
                   bool force = true);
+  // Keeps later labels off a point (pixel centre and radius), e.g. the other named points.
+  void Reserve(double px, double py, double radius);
   // Text at a pixel position (labels placed by the caller).
   void TextAt(double px, double py, const std::string& text, const char* colour, int size = 11,
               const char* anchor = "start");

@@ -102,6 +102,23 @@ std::string ScorePlot(const std::string& title, const Matrix& tprim, int a, int 
   yr.Add(0);
   plot.SetXRange(xr.lo, xr.hi);
   plot.SetYRange(yr.lo, yr.hi);
+  // Observations outside the 99 % ellipse (or band) are named; their points are reserved first so
+  // that no label lands on them.
+  auto position = [&](int i) {
+    const double x = b > 0 ? tprim[a][i] : i, y = b > 0 ? tprim[b][i] : tprim[a][i];
+    return std::make_pair(plot.X(x), plot.Y(y));
+  };
+  std::vector<int> outside;
+  for (int i = 1; i <= n && axes.size() == 2; ++i) {
+    const double x = b > 0 ? tprim[a][i] : i, y = b > 0 ? tprim[b][i] : tprim[a][i];
+    if (!Present(x) || !Present(y)) continue;
+    const auto [h, v] = axes[1];
+    const double reach = b > 0 ? (x / h) * (x / h) + (y / v) * (y / v) : (y / v) * (y / v);
+    if (reach > 1) {
+      outside.push_back(i);
+      plot.Reserve(position(i).first, position(i).second, 3.5);
+    }
+  }
   plot.Line(plot.XLo(), 0, plot.XHi(), 0, "#999", "4 3", 1);
   if (b > 0) plot.Line(0, plot.YLo(), 0, plot.YHi(), "#999", "4 3", 1);
   const char* const kColour[] = {"#ff7f0e", "#d62728"};  // as on the T² and SPE charts
@@ -115,7 +132,6 @@ std::string ScorePlot(const std::string& title, const Matrix& tprim, int a, int 
       plot.HLine(-axes[l].second, kColour[l], "6 4", "");
     }
   }
-  std::vector<int> outside;
   for (int i = 1; i <= n; ++i) {
     const double x = b > 0 ? tprim[a][i] : i, y = b > 0 ? tprim[b][i] : tprim[a][i];
     if (!Present(x) || !Present(y)) continue;
@@ -123,17 +139,7 @@ std::string ScorePlot(const std::string& title, const Matrix& tprim, int a, int 
     const std::string cls = classes.empty() ? "" : classes[static_cast<std::size_t>(i - 1)];
     plot.Point(x, y, classes.empty() ? SeriesColour(0) : colours.at(cls),
                name + (cls.empty() ? "" : " (" + class_name + " " + cls + ")"));
-    if (axes.size() == 2) {
-      const auto [h, v] = axes[1];
-      const double reach = b > 0 ? (x / h) * (x / h) + (y / v) * (y / v) : (y / v) * (y / v);
-      if (reach > 1) outside.push_back(i);
-    }
   }
-  auto position = [&](int i) {
-    const double x = b > 0 ? tprim[a][i] : i, y = b > 0 ? tprim[b][i] : tprim[a][i];
-    return std::make_pair(plot.X(x), plot.Y(y));
-  };
-  for (const int i : outside) plot.Reserve(position(i).first, position(i).second, 3.5);
   for (const int i : outside) {
     const auto [px, py] = position(i);
     plot.PlaceLabel(px, py, names[static_cast<std::size_t>(i - 1)], "#a00", false);
@@ -162,6 +168,11 @@ std::string StatisticChart(const std::string& title, const std::string& statisti
   const int n = static_cast<int>(values.size());
   plot.SetXRange(0.5, n + 0.5, false);
   plot.SetYRange(0, yr.hi);
+  // The named points first, so that the limit labels keep off them.
+  for (int i = 1; i <= n; ++i) {
+    const double v = values[static_cast<std::size_t>(i - 1)];
+    if (Present(v) && Present(limit99) && v > limit99) plot.Reserve(plot.X(i), plot.Y(v), 3);
+  }
   if (Present(limit95)) plot.HLine(limit95, "#ff7f0e", "6 4", "95% " + Fixed(limit95));
   if (Present(limit99)) plot.HLine(limit99, "#d62728", "6 4", "99% " + Fixed(limit99));
   std::vector<std::pair<double, double>> line;
@@ -179,7 +190,6 @@ std::string StatisticChart(const std::string& title, const std::string& statisti
                n > 200 ? 2.2 : 3);
     if (beyond) out.push_back(obs);
   }
-  for (const int i : out) plot.Reserve(plot.X(i), plot.Y(values[static_cast<std::size_t>(i - 1)]), 3);
   for (const int i : out) {
     plot.PlaceLabel(plot.X(i), plot.Y(values[static_cast<std::size_t>(i - 1)]),
                     names[static_cast<std::size_t>(i - 1)], "#a00", false);
@@ -211,6 +221,14 @@ std::string InfluencePlot(const std::string& title, const Diagnostics& d,
   if (xr.hi <= 0 && yr.hi <= 0) return "";
   plot.SetXRange(0, xr.hi);
   plot.SetYRange(0, yr.hi);
+  // The named points first, so that the limit labels keep off them.
+  auto beyond = [&](std::size_t i) {
+    return Present(d.t2[i]) && Present(d.spe[i]) &&
+           ((Present(t99) && d.t2[i] > t99) || (Present(s99) && d.spe[i] > s99));
+  };
+  for (std::size_t i = 0; i < d.t2.size(); ++i) {
+    if (beyond(i)) plot.Reserve(plot.X(d.t2[i]), plot.Y(d.spe[i]), 3.5);
+  }
   if (Present(t95)) plot.VLine(t95, "#ff7f0e", "6 4", "T2 95%");
   if (Present(t99)) plot.VLine(t99, "#d62728", "6 4", "T2 99%");
   if (Present(s95)) plot.HLine(s95, "#ff7f0e", "6 4", "SPE 95%");
@@ -218,12 +236,10 @@ std::string InfluencePlot(const std::string& title, const Diagnostics& d,
   std::vector<std::size_t> out;
   for (std::size_t i = 0; i < d.t2.size(); ++i) {
     if (!Present(d.t2[i]) || !Present(d.spe[i])) continue;
-    const bool beyond = (Present(t99) && d.t2[i] > t99) || (Present(s99) && d.spe[i] > s99);
-    plot.Point(d.t2[i], d.spe[i], beyond ? "#d62728" : SeriesColour(0),
+    plot.Point(d.t2[i], d.spe[i], beyond(i) ? "#d62728" : SeriesColour(0),
                names[i] + ": T2 " + Fixed(d.t2[i]) + ", SPE " + Fixed(d.spe[i]));
-    if (beyond) out.push_back(i);
+    if (beyond(i)) out.push_back(i);
   }
-  for (const std::size_t i : out) plot.Reserve(plot.X(d.t2[i]), plot.Y(d.spe[i]), 3.5);
   for (const std::size_t i : out) {
     plot.PlaceLabel(plot.X(d.t2[i]), plot.Y(d.spe[i]), names[i], "#a00", false);
   }

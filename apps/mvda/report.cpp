@@ -505,12 +505,16 @@ std::string Dendrogram(const ClusterResult& r) {
   SvgPlot plot(kWidth, 350 + bottom, "Dendrogram (" + r.method + ")", x_label, "Merge height");
   std::vector<std::string> groups = r.data.classes;
   std::string group_name = r.data.class_name;
+  std::vector<std::string> order;
   if (groups.empty() && r.cut > 0) {
+    // Clusters in number order (1 is not always the leftmost), for the legend and the colours.
+    for (int c = 1; c <= r.cut; ++c) order.push_back(std::to_string(c));
     for (const int c : r.membership) groups.push_back(std::to_string(c));
     group_name = "Cluster";
   }
-  std::vector<std::string> order;
-  const auto colours = ClassColours(groups, order);
+  std::vector<std::string> seen;
+  auto colours = ClassColours(order.empty() ? groups : order, seen);
+  order = seen;
   plot.SetMargins(kLeft, kRight, 34, bottom);
   const double top = r.nodes.back().height;
   plot.SetXRange(-0.5, static_cast<double>(n) - 0.5, false);
@@ -673,8 +677,9 @@ void Report::AddPca(const ModelResult& r) {
                  "Score plot: each point is an observation" +
                      (d.class_name.empty() ? std::string()
                                            : ", coloured by " + Escape(d.class_name)) +
-                     "; the ellipses hold 95% and 99% of the observations a model like this "
-                     "expects, and those outside the 99% one are named.")
+                     "; the 95% and 99% T2 limits (ellipses; lines for a single component) hold "
+                     "that share of the observations a model like this expects, and those "
+                     "outside the 99% one are named.")
        << Figure(LoadingPlot("Loadings", r.pprim, d.x_names, nullptr, {}, 1, b,
                              b ? AxisName("p", 1, r) : "Variable", AxisName("p", b ? 2 : 1, r)),
                  "Loading plot: variables far from the origin shape the components; variables "

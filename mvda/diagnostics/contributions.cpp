@@ -25,7 +25,7 @@ std::vector<double> SPEContributions(const NCDataMatrix<float>& x, const NCDataM
   std::vector<double> result(static_cast<std::size_t>(x.SizeColumns()), kMissing);
   std::vector<double> t;
   if (!detail::ScoreColumns(tprim).Get(observation, t)) return result;
-  detail::ResidualRow(x[observation], t, pprim,
+  detail::ResidualRow(x[observation], t, detail::LoadingColumns(pprim),
                       [&](int k, double e) { result[static_cast<std::size_t>(k - 1)] = e; });
   return result;
 }

@@ -63,7 +63,7 @@ MVDA_EXPORT std::vector<double> RMSEE(const NCDataMatrix<float>& yObserved,
 // n_m the present values of response m and fy_m its scale factor (1 when unscaled).
 // yScaled: the training Y scaled like the model's (N x M). q2LastComponent: M elements.
 // kMissing for a response without present values. NCError for a model without components, shapes
-// that do not fit, or yScale without M variables.
+// that do not fit, yScale without M variables, or a Q2 above 1 or not finite.
 MVDA_EXPORT std::vector<double> RMSECV(const NCPLS& model, const NCDataMatrix<float>& yScaled,
                                        const std::vector<double>& q2LastComponent,
                                        const NCScale& yScale);

@@ -14,13 +14,14 @@ std::vector<double> SPE(const NCDataMatrix<float>& x, const NCDataMatrix<float>&
   detail::CheckModelShapes(x, tprim, pprim, "SPE");
   const int n = x.SizeRows(), k = x.SizeColumns();
   const detail::ScoreColumns scores(tprim);
+  const detail::LoadingColumns loadings(pprim);
   std::vector<double> spe(static_cast<std::size_t>(n), kMissing);
   mvda::detail::ParallelFor(n, [&](int row) {
     std::vector<double> t;
     if (!scores.Get(row + 1, t)) return;
     double ss = 0;
     const int present =
-        detail::ResidualRow(x[row + 1], t, pprim, [&](int, double e) { ss += e * e; });
+        detail::ResidualRow(x[row + 1], t, loadings, [&](int, double e) { ss += e * e; });
     if (present > 0) spe[static_cast<std::size_t>(row)] = ss * k / present;
   });
   return spe;

@@ -1,3 +1,4 @@
+#include <mvda/containers/multi_threading.h>
 #include <mvda/diagnostics/contributions.h>
 #include <mvda/diagnostics/hotelling.h>
 #include <mvda/diagnostics/spe.h>
@@ -235,6 +236,23 @@ TEST(HotellingAndSpe, TrainingRowsWithGapsMatchTheModelResiduals) {
     EXPECT_NEAR(spe[i - 1], ss * k / present, 1e-4 * (1 + ss)) << i;
   }
   EXPECT_EQ(SPEMomentsOf(spe).count, n);
+}
+
+// Each row's SPE goes to its own slot: one thread and four give the same bits.
+TEST(HotellingAndSpe, SpeDoesNotDependOnTheThreadCount) {
+  using NCMultiThreading::ThreadingControl;
+  const Matrix x = RandomMatrix<float>(300, 40, 0.1, 3);
+  const NCPCA model = FitPca(x, 2);
+  const int processors = ThreadingControl::GetNumberOfProcessors();
+  const bool on = ThreadingControl::IsThreadingOn();
+  ThreadingControl::SetThreadingIsOn(false);
+  const std::vector<double> one = SPE(x, *model.GetTprim(), *model.GetPprim());
+  ThreadingControl::SetNumberOfProcessors(4);
+  ThreadingControl::SetThreadingIsOn(true);
+  const std::vector<double> four = SPE(x, *model.GetTprim(), *model.GetPprim());
+  ThreadingControl::SetNumberOfProcessors(processors);
+  ThreadingControl::SetThreadingIsOn(on);
+  EXPECT_EQ(one, four);
 }
 
 TEST(Contributions, AddUpAndPointAtTheOffendingVariable) {

@@ -28,21 +28,42 @@ class ScoreColumns {
   const NCDataMatrix<float>& tprim_;
 };
 
+// The loadings P' (A x K) variable by variable, A values per variable, in double; a missing
+// loading (a variable left out of a component) is 0, so it deflates nothing, as in the models.
+class LoadingColumns {
+ public:
+  explicit LoadingColumns(const NCDataMatrix<float>& pprim)
+      : a_(pprim.SizeRows()),
+        values_(static_cast<std::size_t>(pprim.SizeRows()) *
+                static_cast<std::size_t>(a_ > 0 ? pprim.SizeColumns() : 0)) {
+    const int k_count = a_ > 0 ? pprim.SizeColumns() : 0;
+    for (int a = 1; a <= a_; ++a)
+      for (int k = 1; k <= k_count; ++k) {
+        const float p = pprim[a][k];
+        values_[static_cast<std::size_t>(k - 1) * a_ + (a - 1)] = p == -99.0f ? 0.0 : p;
+      }
+  }
+  int Components() const { return a_; }
+  const double* Of(int k) const { return values_.data() + static_cast<std::size_t>(k - 1) * a_; }
+
+ private:
+  int a_;
+  std::vector<double> values_;
+};
+
 // Calls cell(k, e_k) for every present x_k with e_k = x_k - sum_a t_a p_ak in double, and returns
-// the number of present cells. A loading that is missing (a variable left out of a component)
-// contributes nothing, as in the models' deflation.
+// the number of present cells.
 template <class Cell>
-int ResidualRow(const NCDataVector<float>& x, const std::vector<double>& t,
-                const NCDataMatrix<float>& pprim, Cell&& cell) {
-  const int k_count = x.Size(), a_count = static_cast<int>(t.size());
+int ResidualRow(const NCDataVector<float>& x, const std::vector<double>& t, const LoadingColumns& p,
+                Cell&& cell) {
+  const int k_count = x.Size(), a_count = p.Components();
+  const double* tt = t.data();
   int present = 0;
   for (int k = 1; k <= k_count; ++k) {
     if (x[k] == -99.0f) continue;
+    const double* pk = p.Of(k);
     double e = x[k];
-    for (int a = 1; a <= a_count; ++a) {
-      const float p = pprim[a][k];
-      if (p != -99.0f) e -= t[static_cast<std::size_t>(a - 1)] * p;
-    }
+    for (int a = 0; a < a_count; ++a) e -= tt[a] * pk[a];
     cell(k, e);
     ++present;
   }

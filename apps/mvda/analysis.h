@@ -113,13 +113,15 @@ struct ModelResult {
   Matrix wstar_prim;                 // components x variables
   Matrix cprim;                      // components x responses
   Matrix coefficients;               // variables x responses, in the units of the data
-  Matrix scaled_coefficients;        // variables x responses, in scaled units
   std::vector<double> intercepts;    // per response
   Matrix fitted;                     // observations x responses, in the units of Y
-  std::vector<double> vip;           // per X variable
-  std::vector<double> rmsee, rmsecv;  // per response, in the units of Y
-  Diagnostics diagnostics;
   std::shared_ptr<ModelFile> model;  // what --save writes
+  // Coefficients in scaled units (variables x responses); VIP per X variable; RMSEE and RMSECV
+  // per response in the units of Y. T² and SPE of the training observations (PCA too).
+  Matrix scaled_coefficients;
+  std::vector<double> vip;
+  std::vector<double> rmsee, rmsecv;
+  Diagnostics diagnostics;
 };
 
 ModelResult FitPca(Dataset data, const FitSettings& settings);

@@ -78,7 +78,8 @@ void RunPls(const ModelOptions& o, std::ostream& os) {
 void RunPredict(const PredictOptions& o, std::ostream& os) {
   const ModelFile model = LoadModel(o.model);
   const CsvTable table = ReadCsv(o.file, TextColumns(o.class_column));
-  const PredictResult result = Predict(model, o.model, table, o.max_missing, o.class_column, o.alphas);
+  const PredictResult result =
+      Predict(model, o.model, table, o.max_missing, o.class_column, o.alphas);
   OutputFiles files;
   if (!o.output.empty()) files.Write(o.output, PredictionsCsv(result));
   Finish(o.out, files, result, PrintPredict, PredictJson, &Report::AddPredict,

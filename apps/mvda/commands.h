@@ -32,7 +32,8 @@ struct PredictOptions {
   double max_missing = 0.5;
   std::string class_column;
   std::string output;  // CSV of scores and predictions
-  std::vector<std::string> alphas;  // extra limit levels (--alpha)
+  // Extra levels of the T² and SPE limits (--alpha), as written.
+  std::vector<std::string> alphas;
   Outputs out;
 };
 

@@ -130,10 +130,10 @@ void RunDemo(const DemoOptions& o, std::ostream& os) {
     const PredictResult predicted =
         Predict(LoadModel(model_path), "diabetes-first-" + std::to_string(kTraining) + ".mvda",
                 Rows(diabetes_table, kTraining, diabetes_table.Rows()), 0.5, "");
-    os << "Model of " << kTraining << " patients: " << first.components
-       << " components, RMSECV " << first.rmsecv.at(0) << "\n"
-       << predicted.row_names.size() << " other patients predicted: RMSEP "
-       << predicted.rmsep.at(0) << ", R2 of prediction " << predicted.r2_prediction.at(0)
+    os << "Model of " << kTraining << " patients: " << first.components << " components, RMSECV "
+       << first.rmsecv.at(0) << "\n"
+       << predicted.row_names.size() << " other patients predicted: RMSEP " << predicted.rmsep.at(0)
+       << ", R2 of prediction " << predicted.r2_prediction.at(0)
        << "\nBeyond the training set's 99% limits of T2 or SPE:";
     const std::vector<std::size_t> out = predicted.diagnostics.Beyond99();
     for (const std::size_t i : out) os << " " << predicted.row_names[i];

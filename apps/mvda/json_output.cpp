@@ -37,8 +37,8 @@ json Row(const Matrix& prim, int a) {
 // Values per response (or variable) as an object keyed by name.
 json Keyed(const std::vector<double>& values, const std::vector<std::string>& names) {
   json out = json::object();
-  for (std::size_t i = 0; i < names.size() && i < values.size(); ++i) {
-    out[names[i]] = Number(values[i]);
+  for (std::size_t i = 0; i < names.size(); ++i) {
+    out[names[i]] = i < values.size() ? Number(values[i]) : json(nullptr);
   }
   return out;
 }

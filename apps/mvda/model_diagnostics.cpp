@@ -51,12 +51,11 @@ void Fill(Diagnostics& d, const Matrix& x, const Matrix& tprim, const Matrix& pp
   }
   for (const Level& level : d.levels) {
     d.t2_limits.push_back(a == 0 ? kMissing : LimitOrMissing([&] {
-      return training
-                 ? diagnostics::T2LimitTraining(d.training_observations, a, level.alpha)
-                 : diagnostics::T2LimitPrediction(d.training_observations, a, level.alpha);
+      return training ? diagnostics::T2LimitTraining(d.training_observations, a, level.alpha)
+                      : diagnostics::T2LimitPrediction(d.training_observations, a, level.alpha);
     }));
-    d.spe_limits.push_back(LimitOrMissing(
-        [&] { return diagnostics::SPELimit(d.spe_moments, level.alpha); }));
+    d.spe_limits.push_back(
+        LimitOrMissing([&] { return diagnostics::SPELimit(d.spe_moments, level.alpha); }));
   }
   // The most extreme observation: the largest ratio of T² or SPE to its 99 % limit.
   const double t2_limit = d.T2Limit(0.99), spe_limit = d.SPELimit(0.99);
@@ -76,10 +75,9 @@ void Fill(Diagnostics& d, const Matrix& x, const Matrix& tprim, const Matrix& pp
     }
   }
   if (d.extreme > 0) {
-    d.contributions =
-        d.extreme_by_spe
-            ? diagnostics::SPEContributions(x, tprim, pprim, d.extreme)
-            : diagnostics::T2Contributions(x, tprim, pprim, d.score_variances, d.extreme);
+    d.contributions = d.extreme_by_spe ? diagnostics::SPEContributions(x, tprim, pprim, d.extreme)
+                                       : diagnostics::T2Contributions(x, tprim, pprim,
+                                                                      d.score_variances, d.extreme);
   }
 }
 
@@ -95,8 +93,8 @@ std::vector<Level> Levels(const std::vector<std::string>& extra) {
         !(alpha < 1)) {
       throw ToolError("--alpha " + word + ": a fraction between 0 and 1 is expected (e.g. 0.9)");
     }
-    const bool known = std::any_of(levels.begin(), levels.end(),
-                                   [&](const Level& l) { return l.alpha == alpha; });
+    const bool known =
+        std::any_of(levels.begin(), levels.end(), [&](const Level& l) { return l.alpha == alpha; });
     if (!known) levels.push_back({alpha, word});
   }
   std::sort(levels.begin(), levels.end(),

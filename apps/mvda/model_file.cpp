@@ -1,10 +1,9 @@
 #include "model_file.h"
 
-#include <mvda/platform/byte_io.h>
-#include <mvda/platform/stream_directory.h>
-
 #include <mvda/diagnostics/hotelling.h>
+#include <mvda/platform/byte_io.h>
 #include <mvda/platform/error.h>
+#include <mvda/platform/stream_directory.h>
 
 #include <cerrno>
 #include <cmath>
@@ -24,7 +23,8 @@ bool Readable(std::int32_t version) { return version >= kOldestVersion && versio
 // A version-1 file has no diagnostics fields; its model keeps the training scores and residuals,
 // from which they follow as the fit computes them. False when they do not (damaged).
 bool DeriveDiagnostics(ModelFile& m) {
-  const NCDataMatrix<float>* scores = m.kind == ModelFile::kPCA ? m.pca.GetTprim() : m.pls.GetTprim();
+  const NCDataMatrix<float>* scores =
+      m.kind == ModelFile::kPCA ? m.pca.GetTprim() : m.pls.GetTprim();
   const NCDataMatrix<float>* residuals =
       m.kind == ModelFile::kPCA ? m.pca.GetResiduals() : m.pls.GetXResiduals();
   if (!scores || !residuals || residuals->SizeRows() != scores->SizeColumns()) return false;
@@ -48,9 +48,8 @@ bool FiniteAtLeast(double v, double low) { return std::isfinite(v) && v >= low; 
 bool Consistent(const ModelFile& m) {
   const int k = m.x_names.Size();
   if (m.x_scale.Size() != k || k == 0) return false;
-  if (static_cast<int>(m.score_variances.size()) != m.Components() ||
-      m.training_observations < 2 || !FiniteAtLeast(m.spe.mean, 0) ||
-      !FiniteAtLeast(m.spe.variance, 0) || m.spe.count < 2) {
+  if (static_cast<int>(m.score_variances.size()) != m.Components() || m.training_observations < 2 ||
+      !FiniteAtLeast(m.spe.mean, 0) || !FiniteAtLeast(m.spe.variance, 0) || m.spe.count < 2) {
     return false;
   }
   for (const double v : m.score_variances) {

@@ -4,12 +4,11 @@
 #define MVDA_APPS_MVDA_MODEL_FILE_H_
 
 #include <mvda/containers/string_vector.h>
+#include <mvda/diagnostics/spe.h>
 #include <mvda/models/pca.h>
 #include <mvda/models/pls.h>
 #include <mvda/platform/stream.h>
 #include <mvda/preprocess/scale.h>
-
-#include <mvda/diagnostics/spe.h>
 
 #include <cstdint>
 #include <iosfwd>

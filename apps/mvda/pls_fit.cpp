@@ -115,11 +115,23 @@ ModelResult FitPls(Dataset data, const FitSettings& settings) {
     result.scaled_coefficients = b.scaled;
     result.intercepts = b.intercepts;
     result.fitted = diagnostics::FittedY(final_model, y_scale);
-    result.vip = diagnostics::VIP(final_model);
-    result.rmsee = diagnostics::RMSEE(data.y, result.fitted, kept);
+    // A figure the data cannot give (a response too short for RMSEE, a Q2 that could not be
+    // cross-validated) is reported as missing; the model itself stands.
+    auto figure = [&](auto compute, std::size_t size) {
+      try {
+        return compute();
+      } catch (const NCError& e) {
+        if (e.GetLevel() == NCError::kStopRequested) throw;
+        return std::vector<double>(size, -99.0);
+      }
+    };
+    result.vip = figure([&] { return diagnostics::VIP(final_model); }, static_cast<std::size_t>(k));
+    result.rmsee = figure([&] { return diagnostics::RMSEE(data.y, result.fitted, kept); },
+                          static_cast<std::size_t>(m));
     // RMSECV comes from the cross-validated Q2 of the last kept component itself.
     const ComponentRow& last = result.rows[static_cast<std::size_t>(kept - 1)];
-    result.rmsecv = diagnostics::RMSECV(final_model, y, last.q2_y, y_scale);
+    result.rmsecv = figure([&] { return diagnostics::RMSECV(final_model, y, last.q2_y, y_scale); },
+                           static_cast<std::size_t>(m));
   } else {
     // Nothing significant: the model is the means, every coefficient 0.
     result.coefficients = result.scaled_coefficients = Matrix(k, m, 0.0f);

@@ -110,7 +110,8 @@ PredictResult Predict(const ModelFile& model, const std::string& model_path, con
     }
     result.scored.push_back(scored);
   }
-  const Matrix& pprim = model.kind == ModelFile::kPCA ? *model.pca.GetPprim() : *model.pls.GetPprim();
+  const Matrix& pprim =
+      model.kind == ModelFile::kPCA ? *model.pca.GetPprim() : *model.pls.GetPprim();
   result.diagnostics = PredictionDiagnostics(x, result.tprim, pprim, model, alphas);
   if (result.y_observed.SizeRows() > 0) {
     const diagnostics::PredictionErrors errors =

@@ -79,8 +79,8 @@ std::string ScorePlot(const std::string& title, const Matrix& tprim, int a, int 
     for (const double alpha : {0.95, 0.99}) {
       try {
         if (b > 0) {
-          const auto e = diagnostics::T2Ellipse(d->score_variances, a, b, d->training_observations,
-                                                alpha);
+          const auto e =
+              diagnostics::T2Ellipse(d->score_variances, a, b, d->training_observations, alpha);
           axes.emplace_back(e.horizontal, e.vertical);
         } else if (d->score_variances.size() == 1 && Present(d->T2Limit(alpha))) {
           axes.emplace_back(0, std::sqrt(d->score_variances[0] * d->T2Limit(alpha)));
@@ -261,9 +261,9 @@ std::string VariableBars(const std::string& title, const std::string& y_label,
   const int width = static_cast<int>(std::clamp<std::size_t>(64 + 40 + 22 * k, 520, 1080));
   const double slot = (width - 64.0 - 40) / static_cast<double>(k);
   const bool labels = slot >= 12;
-  const int room = labels ? 16 + static_cast<int>(6.6 * static_cast<double>(std::min<std::size_t>(
-                                                           longest, 24)))
-                          : 0;
+  const int room =
+      labels ? 16 + static_cast<int>(6.6 * static_cast<double>(std::min<std::size_t>(longest, 24)))
+             : 0;
   SvgPlot plot(width, 320 + room, title, labels ? "Variable" : "Variables (hover for names)",
                y_label);
   plot.SetMargins(64, 40, 34, labels ? room + 24 : 50);
@@ -334,10 +334,10 @@ std::string DiagnosticsFigures(const Diagnostics& d, const std::vector<std::stri
                   "Distance of each observation from the centre of the model, within its "
                   "plane, with the 95% and 99% limits.");
   }
-  out += Figure(StatisticChart("SPE" + whose, "SPE", d.spe, d.SPELimit(0.95), d.SPELimit(0.99),
-                               names),
-                "Squared distance of each observation from the model's plane (residual after the "
-                "components, scaled units), with the 95% and 99% limits.");
+  out +=
+      Figure(StatisticChart("SPE" + whose, "SPE", d.spe, d.SPELimit(0.95), d.SPELimit(0.99), names),
+             "Squared distance of each observation from the model's plane (residual after the "
+             "components, scaled units), with the 95% and 99% limits.");
   if (std::any_of(d.t2.begin(), d.t2.end(), Present)) {
     out += Figure(InfluencePlot("T2 against SPE" + whose, d, names),
                   "Observations outside the box of the 99% limits are named: to the right they "
@@ -412,8 +412,8 @@ std::string SummaryBars(const ModelResult& r, bool pls) {
     plot.Bar(x - 0.13, x + 0.13, std::max(row.q2_cum, -1.0), SeriesColour(2),
              "Q2(cum) " + Fixed(row.q2_cum));
     plot.Bar(x + 0.13, x + 0.39, std::max(row.q2, -1.0), SeriesColour(7),
-             "Q2 of component " + std::to_string(row.component) + " " + Fixed(row.q2) +
-                 ", limit " + Fixed(row.q2_limit));
+             "Q2 of component " + std::to_string(row.component) + " " + Fixed(row.q2) + ", limit " +
+                 Fixed(row.q2_limit));
     plot.Line(x + 0.09, row.q2_limit, x + 0.43, row.q2_limit, "#222", "", 2.5);
   }
   plot.Line(0.4, 0, static_cast<double>(names.size()) + 0.6, 0, "#444", "", 1);
@@ -449,7 +449,8 @@ std::string ObservedPredicted(const std::string& title, const Matrix& observed,
                    Fixed(p, 4) + " " + what);
   }
   for (std::size_t k = 0; k < notes.size(); ++k) {
-    plot.TextAt(plot.Left() + 8, plot.Top() + 16 + 15 * static_cast<double>(k), notes[k], "#222", 12);
+    plot.TextAt(plot.Left() + 8, plot.Top() + 16 + 15 * static_cast<double>(k), notes[k], "#222",
+                12);
   }
   return plot.Svg();
 }
@@ -493,13 +494,16 @@ std::string Dendrogram(const ClusterResult& r) {
   std::size_t longest = 0;
   for (const std::string& name : r.data.row_names) longest = std::max(longest, name.size());
   const int label_room =
-      labels ? 12 + static_cast<int>(0.6 * kFont * static_cast<double>(std::min<std::size_t>(
-                                                        longest, 40)))
+      labels ? 12 + static_cast<int>(0.6 * kFont *
+                                     static_cast<double>(std::min<std::size_t>(longest, 40)))
              : 0;
   const int bottom = labels ? label_room + 40 : 50;
   std::string x_label = "Observations (" + std::to_string(n) + ")";
   if (labels && stride > 1) {
-    x_label += ", every " + std::to_string(stride) + (stride == 2 ? "nd" : stride == 3 ? "rd" : "th") +
+    x_label += ", every " + std::to_string(stride) +
+               (stride == 2   ? "nd"
+                : stride == 3 ? "rd"
+                              : "th") +
                " named; hover for the others";
   }
   SvgPlot plot(kWidth, 350 + bottom, "Dendrogram (" + r.method + ")", x_label, "Merge height");
@@ -593,8 +597,7 @@ std::string Dendrogram(const ClusterResult& r) {
       std::snprintf(head, sizeof head, "<text transform=\"translate(%.1f,%.1f) rotate(-90)\" ",
                     px + 0.35 * kFont, plot.Bottom() + 6.0);
       plot.Raw(std::string(head) + "text-anchor=\"end\" font-size=\"" + std::to_string(kFont) +
-               "\" fill=\"" + colour + "\" pointer-events=\"none\">" + Escape(name) +
-               "</text>\n");
+               "\" fill=\"" + colour + "\" pointer-events=\"none\">" + Escape(name) + "</text>\n");
     }
   }
   for (const std::string& c : order) plot.AddLegend(group_name + " " + c, colours.at(c));
@@ -671,15 +674,15 @@ void Report::AddPca(const ModelResult& r) {
      << ComponentTable(r, false);
   if (r.components >= 1) {
     const int b = r.components >= 2 ? 2 : 0;
-    os << Figure(ScorePlot("Scores", r.tprim, 1, b, d.row_names, d.classes, d.class_name,
-                           b ? AxisName("t", 1, r) : "Observation", AxisName("t", b ? 2 : 1, r),
-                           &r.diagnostics),
-                 "Score plot: each point is an observation" +
-                     (d.class_name.empty() ? std::string()
-                                           : ", coloured by " + Escape(d.class_name)) +
-                     "; the 95% and 99% T2 limits (ellipses; lines for a single component) hold "
-                     "that share of the observations a model like this expects, and those "
-                     "outside the 99% one are named.")
+    os << Figure(
+              ScorePlot("Scores", r.tprim, 1, b, d.row_names, d.classes, d.class_name,
+                        b ? AxisName("t", 1, r) : "Observation", AxisName("t", b ? 2 : 1, r),
+                        &r.diagnostics),
+              "Score plot: each point is an observation" +
+                  (d.class_name.empty() ? std::string() : ", coloured by " + Escape(d.class_name)) +
+                  "; the 95% and 99% T2 limits (ellipses; lines for a single component) hold "
+                  "that share of the observations a model like this expects, and those "
+                  "outside the 99% one are named.")
        << Figure(LoadingPlot("Loadings", r.pprim, d.x_names, nullptr, {}, 1, b,
                              b ? AxisName("p", 1, r) : "Variable", AxisName("p", b ? 2 : 1, r)),
                  "Loading plot: variables far from the origin shape the components; variables "
@@ -711,30 +714,29 @@ void Report::AddPls(const ModelResult& r) {
                  "Score plot of the X scores with the 95% and 99% T2 ellipses; observations "
                  "outside the 99% one are named.")
        << Figure(LoadingPlot("Weights w* and c", r.wstar_prim, d.x_names, &r.cprim, d.y_names, 1, b,
-                             b ? AxisName("w*c", 1, r) : "Variable",
-                             AxisName("w*c", b ? 2 : 1, r)),
+                             b ? AxisName("w*c", 1, r) : "Variable", AxisName("w*c", b ? 2 : 1, r)),
                  "X variables near a response relate to it positively; opposite it, negatively.");
     const diagnostics::PredictionErrors fit = diagnostics::PredictionError(d.y, r.fitted);
     for (std::size_t m = 0; m < d.y_names.size() && m < 4; ++m) {
       const std::vector<std::string> notes = {"R2 " + Fixed(fit.r2[m]),
                                               "RMSEE " + Fixed(r.rmsee[m], 4),
                                               "RMSECV " + Fixed(r.rmsecv[m], 4)};
-      os << Figure(ObservedPredicted("Observed and fitted " + d.y_names[m], d.y, r.fitted,
-                                     static_cast<int>(m) + 1, d.row_names, d.y_names[m], "Fitted",
-                                     notes),
-                   "Fitted against observed " + Escape(d.y_names[m]) +
-                       "; the dashed line is a perfect fit. RMSEE is the error of the fit, RMSECV "
-                       "that of cross-validation, both in the units of " +
-                       Escape(d.y_names[m]) + ".");
+      os << Figure(
+          ObservedPredicted("Observed and fitted " + d.y_names[m], d.y, r.fitted,
+                            static_cast<int>(m) + 1, d.row_names, d.y_names[m], "Fitted", notes),
+          "Fitted against observed " + Escape(d.y_names[m]) +
+              "; the dashed line is a perfect fit. RMSEE is the error of the fit, RMSECV "
+              "that of cross-validation, both in the units of " +
+              Escape(d.y_names[m]) + ".");
     }
     // Most important first; 1 is the customary threshold (the squares average to 1).
     std::vector<std::size_t> order = NaturalOrder(d.x_names.size());
     std::stable_sort(order.begin(), order.end(),
                      [&](std::size_t i, std::size_t j) { return r.vip[i] > r.vip[j]; });
-    os << Figure(VariableBars("Variable importance (VIP)", "VIP", d.x_names, r.vip, order, 1,
-                              "VIP 1"),
-                 "Variables above 1 matter most to the model of all responses; those well below "
-                 "1 could be left out.");
+    os << Figure(
+        VariableBars("Variable importance (VIP)", "VIP", d.x_names, r.vip, order, 1, "VIP 1"),
+        "Variables above 1 matter most to the model of all responses; those well below "
+        "1 could be left out.");
     for (std::size_t m = 0; m < d.y_names.size() && m < 4; ++m) {
       std::vector<double> b_m;
       for (int j = 1; j <= r.scaled_coefficients.SizeRows(); ++j) {
@@ -782,11 +784,11 @@ void Report::AddPredict(const PredictResult& r) {
       if (m < r.rmsep.size()) {
         notes = {"RMSEP " + Fixed(r.rmsep[m], 4), "R2 of prediction " + Fixed(r.r2_prediction[m])};
       }
-      os << Figure(ObservedPredicted("Observed and predicted " + r.y_names[m], r.y_observed,
-                                     r.y_pred, static_cast<int>(m) + 1, r.row_names, r.y_names[m],
-                                     "Predicted", notes),
-                   "Predicted against observed " + Escape(r.y_names[m]) +
-                       "; RMSEP is the error of prediction in its units.");
+      os << Figure(
+          ObservedPredicted("Observed and predicted " + r.y_names[m], r.y_observed, r.y_pred,
+                            static_cast<int>(m) + 1, r.row_names, r.y_names[m], "Predicted", notes),
+          "Predicted against observed " + Escape(r.y_names[m]) +
+              "; RMSEP is the error of prediction in its units.");
     }
   }
   os << "</section>\n";

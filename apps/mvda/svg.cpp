@@ -231,7 +231,8 @@ bool SvgPlot::PlaceLabel(double px, double py, const std::string& text, const ch
                          bool force) {
   const double w = TextWidth(text), h = 11;
   constexpr int kSpots = 6;  // with force, where every spot is taken the last one is used
-  const double offsets[kSpots][2] = {{5, -4}, {5, 11}, {-5 - w, -4}, {-5 - w, 11}, {5, -15}, {5, 22}};
+  const double offsets[kSpots][2] = {{5, -4},      {5, 11},  {-5 - w, -4},
+                                     {-5 - w, 11}, {5, -15}, {5, 22}};
   int spot = -1;
   for (int k = 0; k < kSpots && spot < 0; ++k) {
     const double x0 = px + offsets[k][0], y0 = py + offsets[k][1] - h;

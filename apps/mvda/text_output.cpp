@@ -177,8 +177,10 @@ void PrintOutliers(std::ostream& os, const Diagnostics& d, const std::vector<std
   const double t2_limit = d.T2Limit(0.99), spe_limit = d.SPELimit(0.99);
   if (t2_limit == -99 && spe_limit == -99) return;
   const std::vector<std::size_t> out = d.Beyond99();
+  const std::string count =
+      std::to_string(out.size()) + (out.size() == 1 ? " observation" : " observations");
   os << "\n  Beyond the 99% limits (T2 " << Fixed(t2_limit) << ", SPE " << Fixed(spe_limit)
-     << "): " << (out.empty() ? "none" : std::to_string(out.size()) + " observations") << "\n";
+     << "): " << (out.empty() ? "none" : count) << "\n";
   for (const std::size_t i : out) {
     os << "    " << names[i] << "  T2 " << Fixed(d.t2[i]) << (d.t2[i] > t2_limit ? " *" : "")
        << "  SPE " << Fixed(d.spe[i]) << (d.spe[i] > spe_limit ? " *" : "") << "\n";

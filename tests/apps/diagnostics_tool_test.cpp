@@ -136,9 +136,9 @@ void CheckFitDiagnostics(const Json& r, const Columns& x, const std::vector<std:
   }
   for (const double alpha : {0.95, 0.99}) {
     const std::string key = alpha == 0.95 ? "0.95" : "0.99";
-    ExpectRelative(r["t2_limits"][key], T2LimitTraining(static_cast<int>(n),
-                                                        static_cast<int>(a_count), alpha),
-                   1e-9, "T2 limit " + key);
+    ExpectRelative(r["t2_limits"][key],
+                   T2LimitTraining(static_cast<int>(n), static_cast<int>(a_count), alpha), 1e-9,
+                   "T2 limit " + key);
     ExpectRelative(r["spe_limits"][key], SpeLimit(spe, alpha), 1e-9, "SPE limit " + key);
   }
 }
@@ -256,8 +256,8 @@ TEST(ToolDiagnostics, PlsOfDiabetesVipRmseeRmsecvAndLimits) {
 }
 
 TEST(ToolDiagnostics, AlphaAddsALevelKeyedAsWritten) {
-  const Json r = RunJson({"pca", Data("wine.csv"), "--class", "Cultivar", "--json", "--alpha",
-                          "0.9,0.95,0.999"});
+  const Json r = RunJson(
+      {"pca", Data("wine.csv"), "--class", "Cultivar", "--json", "--alpha", "0.9,0.95,0.999"});
   const Json& t2 = r["t2_limits"];
   ASSERT_EQ(t2.size(), 4u) << t2.dump();  // 0.95 given again is not a new level
   const int n = r["observations"], a = r["kept_components"];
@@ -291,8 +291,8 @@ TEST(ToolDiagnostics, PredictGivesNewObservationLimitsAndHandlesGaps) {
     std::string line;
     for (std::size_t c = 0; c < wine.header.size(); ++c) {
       const std::size_t new_row = i - 150;
-      const bool gap = i >= 150 && c >= 1 && c <= k &&
-                       ((new_row == 2 && c == 4) || (new_row == 4 && c > 2));
+      const bool gap =
+          i >= 150 && c >= 1 && c <= k && ((new_row == 2 && c == 4) || (new_row == 4 && c > 2));
       line += (c ? "," : "") + (gap ? std::string() : wine.rows[i][c]);
     }
     (i < 150 ? train : fresh) += line + "\n";
@@ -379,8 +379,7 @@ TEST(ToolDiagnostics, PredictGivesRmsepOnNewPatients) {
     sse += e * e;
     ss += (y - mean) * (y - mean);
   }
-  ExpectRelative(p["rmsep"]["Progression"], std::sqrt(sse / static_cast<double>(n)), 1e-9,
-                 "RMSEP");
+  ExpectRelative(p["rmsep"]["Progression"], std::sqrt(sse / static_cast<double>(n)), 1e-9, "RMSEP");
   ExpectRelative(p["r2_prediction"]["Progression"], 1 - sse / ss, 1e-9, "R2 of prediction");
   EXPECT_EQ(p["t2"].size(), n);
   EXPECT_EQ(p["spe_limits"].size(), 2u);
@@ -396,7 +395,8 @@ TEST(ToolDiagnostics, VersionOneModelFilesStillPredict) {
   };
   const std::vector<Case> cases = {
       {{"pca", Data("wine.csv"), "--class", "Cultivar"}, "wine_pca_v1.mvda", Data("wine.csv")},
-      {{"pls", Data("diabetes.csv"), "--y", "Progression"}, "diabetes_pls_v1.mvda",
+      {{"pls", Data("diabetes.csv"), "--y", "Progression"},
+       "diabetes_pls_v1.mvda",
        Data("diabetes.csv")}};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.fixture);

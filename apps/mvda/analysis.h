@@ -5,6 +5,7 @@
 #define MVDA_APPS_MVDA_ANALYSIS_H_
 
 #include <mvda/containers/data_matrix.h>
+#include <mvda/diagnostics/spe.h>
 
 #include <memory>
 #include <string>
@@ -48,7 +49,51 @@ struct FitSettings {
   int groups = 7;
   int components = 0;  // 0: as many as cross-validation finds significant
   int max_iterations = 500;
+  std::vector<std::string> alphas;  // limit levels besides 0.95 and 0.99 (--alpha), as written
 };
+
+// A confidence level of the T² and SPE limits with its key in the output: 0.95 and 0.99 always,
+// and each --alpha level keyed as the user wrote it.
+struct Level {
+  double alpha = 0;
+  std::string key;
+};
+
+// 0.95, 0.99 and the extra levels, ascending; a level equal to one already there is not repeated.
+// ToolError for a word that is not a fraction strictly between 0 and 1.
+std::vector<Level> Levels(const std::vector<std::string>& extra);
+
+// The outlier diagnostics of a set of observations under a model (training observations of a fit,
+// or new ones scored by a saved model): Hotelling's T² and SPE per observation, -99 where a row
+// could not be scored (or a figure cannot be computed), and their limits at every level (T² in the
+// form for the training set or for new observations; SPE from the training values).
+struct Diagnostics {
+  std::vector<Level> levels;
+  std::vector<double> t2, spe;                // per observation
+  std::vector<double> t2_limits, spe_limits;  // per level, -99 where not computable
+  std::vector<double> score_variances;        // of the training scores, per component
+  int training_observations = 0;
+  diagnostics::SPEMoments spe_moments;  // of the training SPE values
+  // The observation furthest out relative to its 99 % limits (1-based, 0 for none) and the
+  // contributions of the X variables to the statistic (T² or SPE) that puts it furthest out.
+  int extreme = 0;
+  bool extreme_by_spe = false;
+  std::vector<double> contributions;
+
+  double T2Limit(double alpha) const;  // -99 when alpha is not one of the levels
+  double SPELimit(double alpha) const;
+  // Observations (0-based) beyond the 99 % limit of T² or of SPE.
+  std::vector<std::size_t> Beyond99() const;
+};
+
+// Diagnostics of the training set: x the scaled training data (N x K), T' and P' of the kept
+// components.
+Diagnostics TrainingDiagnostics(const Matrix& x, const Matrix& tprim, const Matrix& pprim,
+                                const std::vector<std::string>& alphas);
+// Diagnostics of new observations: x scaled by the model's scaling, T' their predicted scores,
+// the training figures from the model file.
+Diagnostics PredictionDiagnostics(const Matrix& x, const Matrix& tprim, const Matrix& pprim,
+                                  const ModelFile& model, const std::vector<std::string>& alphas);
 
 // One row of the component table. Fractions are of the scaled data's sum of squares.
 struct ComponentRow {
@@ -76,6 +121,12 @@ struct ModelResult {
   std::vector<double> intercepts;    // per response
   Matrix fitted;                     // observations x responses, in the units of Y
   std::shared_ptr<ModelFile> model;  // what --save writes
+  // Coefficients in scaled units (variables x responses); VIP per X variable; RMSEE and RMSECV
+  // per response in the units of Y. T² and SPE of the training observations (PCA too).
+  Matrix scaled_coefficients;
+  std::vector<double> vip;
+  std::vector<double> rmsee, rmsecv;
+  Diagnostics diagnostics;
 };
 
 ModelResult FitPca(Dataset data, const FitSettings& settings);
@@ -87,6 +138,7 @@ struct PredictResult {
   std::string model_source;
   int components = 0;
   std::vector<std::string> row_names;
+  std::vector<std::string> x_names;   // the model's X variables
   std::vector<double> missing_share;  // per observation
   std::vector<bool> scored;           // false: too many missing values, no scores
   double max_missing = 0.5;
@@ -96,12 +148,15 @@ struct PredictResult {
   Matrix y_observed;  // the same columns when the file has them, else no rows
   std::vector<std::string> classes;
   std::string class_name;
+  Diagnostics diagnostics;
+  std::vector<double> rmsep, r2_prediction;  // per response, when the file holds the responses
 };
 
 // The file's columns are matched to the model's variables by name; other columns are ignored.
 // ToolError when a variable of the model is not in the file.
 PredictResult Predict(const ModelFile& model, const std::string& model_path, const CsvTable& table,
-                      double max_missing, const std::string& class_column);
+                      double max_missing, const std::string& class_column,
+                      const std::vector<std::string>& alphas = {});
 
 struct ClusterResult {
   Dataset data;

@@ -111,6 +111,8 @@ void AddFitOptions(CLI::App* app, ModelOptions& o) {
       ->check(kInExistingFolder);
   app->add_option("--scores", o.scores, "Write scores and loadings to this CSV file")
       ->check(kInExistingFolder);
+  app->add_option("--alpha", o.fit.alphas, "Extra level of the T2 and SPE limits, e.g. 0.9")
+      ->delimiter(',');
   AddOutputs(app, o.out);
 }
 
@@ -168,6 +170,10 @@ int Run(int argc, char** argv) {
   predict->add_option("--class", predict_options.class_column, "Column of classes for the plot");
   predict->add_option("--output", predict_options.output, "Write scores and predictions as CSV")
       ->check(kInExistingFolder);
+  predict
+      ->add_option("--alpha", predict_options.alphas,
+                   "Extra level of the T2 and SPE limits, e.g. 0.9")
+      ->delimiter(',');
   AddOutputs(predict, predict_options.out);
 
   ClusterOptions cluster_options;

@@ -99,7 +99,8 @@ void RunPredict(const PredictOptions& o, std::ostream& os) {
   if (!o.class_column.empty() && table.Find(o.class_column) < 0) {
     throw ToolError(NoSuchColumn(table.path, table.columns, o.class_column, "--class"));
   }
-  const PredictResult result = Predict(model, o.model, table, o.max_missing, o.class_column);
+  const PredictResult result =
+      Predict(model, o.model, table, o.max_missing, o.class_column, o.alphas);
   OutputFiles files;
   if (!o.output.empty()) files.Write(o.output, PredictionsCsv(result));
   Finish(o.out, files, result, PrintPredict, PredictJson, &Report::AddPredict,

@@ -36,6 +36,8 @@ struct PredictOptions {
   double max_missing = 0.5;
   std::string class_column;
   std::string output;  // CSV of scores and predictions
+  // Extra levels of the T² and SPE limits (--alpha), as written.
+  std::vector<std::string> alphas;
   Outputs out;
 };
 

@@ -52,6 +52,19 @@ struct RemoveOnExit {
   }
 };
 
+// Rows first..last (0-based, last excluded) of a table, as a table of their own.
+CsvTable Rows(const CsvTable& t, int first, int last) {
+  CsvTable out = t;
+  const std::size_t width = t.columns.size();
+  out.row_names.assign(t.row_names.begin() + first, t.row_names.begin() + last);
+  out.values.assign(t.values.begin() + static_cast<std::ptrdiff_t>(width) * first,
+                    t.values.begin() + static_cast<std::ptrdiff_t>(width) * last);
+  for (auto& column : out.text) {
+    if (!column.empty()) column.assign(column.begin() + first, column.begin() + last);
+  }
+  return out;
+}
+
 void Rule(std::ostream& os, const std::string& title) {
   os << "\n== " << title << " " << std::string(title.size() < 70 ? 70 - title.size() : 3, '=')
      << "\n\n";
@@ -97,24 +110,34 @@ void RunDemo(const DemoOptions& o, std::ostream& os) {
   PrintPls(os, pls);
   report.AddPls(pls);
 
-  Rule(os, "Prediction: the PLS model saved to a file, read back and applied");
+  // A prediction shows new observations against the training limits, so the model that is
+  // saved is fitted on the first patients only and predicts the others.
+  constexpr int kTraining = 342;
+  Rule(os, "Prediction: a PLS model of the first " + std::to_string(kTraining) +
+               " patients, saved, read back and applied to the other " +
+               std::to_string(diabetes_table.Rows() - kTraining));
   {
+    const ModelResult first = FitPls(
+        SelectData(Rows(diabetes_table, 0, kTraining), {"Progression"}, "", {}), FitSettings{});
+    first.model->source = diabetes + " (rows 1-" + std::to_string(kTraining) + ")";
     const RemoveOnExit model_file{TwGetTempFileName("mvda-demo-", "mvda")};
     const std::string model_path = model_file.path.string();
     {
       OutputFiles files;
-      if (!StreamOut(*pls.model, files.Open(model_path))) throw ToolError("demo: saving failed");
+      if (!StreamOut(*first.model, files.Open(model_path))) throw ToolError("demo: saving failed");
       files.CommitAll();
     }
     const PredictResult predicted =
-        Predict(LoadModel(model_path), "diabetes.mvda", diabetes_table, 0.5, "");
-    double worst = 0;
-    for (int i = 1; i <= predicted.y_pred.SizeRows(); ++i) {
-      worst =
-          std::max(worst, std::abs(static_cast<double>(predicted.y_pred[i][1]) - pls.fitted[i][1]));
-    }
-    os << "Saved model read back: " << predicted.row_names.size()
-       << " patients predicted; largest difference from the fitted values " << worst << "\n";
+        Predict(LoadModel(model_path), "diabetes-first-" + std::to_string(kTraining) + ".mvda",
+                Rows(diabetes_table, kTraining, diabetes_table.Rows()), 0.5, "");
+    os << "Model of " << kTraining << " patients: " << first.components << " components, RMSECV "
+       << first.rmsecv.at(0) << "\n"
+       << predicted.row_names.size() << " other patients predicted: RMSEP " << predicted.rmsep.at(0)
+       << ", R2 of prediction " << predicted.r2_prediction.at(0)
+       << "\nBeyond the training set's 99% limits of T2 or SPE:";
+    const std::vector<std::size_t> out = predicted.diagnostics.Beyond99();
+    for (const std::size_t i : out) os << " " << predicted.row_names[i];
+    os << (out.empty() ? " none\n" : "\n");
     report.AddPredict(predicted);
   }
 

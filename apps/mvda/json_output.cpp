@@ -34,6 +34,28 @@ json Row(const Matrix& prim, int a) {
   return out;
 }
 
+// Values per response (or variable) as an object keyed by name.
+json Keyed(const std::vector<double>& values, const std::vector<std::string>& names) {
+  json out = json::object();
+  for (std::size_t i = 0; i < names.size(); ++i) {
+    out[names[i]] = i < values.size() ? Number(values[i]) : json(nullptr);
+  }
+  return out;
+}
+
+// T² and SPE per observation and their limits keyed by level ("0.95", "0.99", --alpha as written).
+void AddDiagnostics(json& out, const Diagnostics& d) {
+  out["t2"] = Numbers(d.t2);
+  out["spe"] = Numbers(d.spe);
+  json t2_limits = json::object(), spe_limits = json::object();
+  for (std::size_t l = 0; l < d.levels.size(); ++l) {
+    t2_limits[d.levels[l].key] = Number(d.t2_limits[l]);
+    spe_limits[d.levels[l].key] = Number(d.spe_limits[l]);
+  }
+  out["t2_limits"] = t2_limits;
+  out["spe_limits"] = spe_limits;
+}
+
 json Components(const ModelResult& r, bool pls) {
   json rows = json::array();
   for (const ComponentRow& c : r.rows) {
@@ -67,6 +89,7 @@ json ModelJson(const ModelResult& r, bool pls) {
   }
   out["scores"] = scores;      // scores[a-1][i-1]: component a, observation i
   out["loadings"] = loadings;  // loadings[a-1][name]
+  AddDiagnostics(out, r.diagnostics);
   if (pls) {
     out["y_variables"] = d.y_names;
     json weights = json::array(), yweights = json::array();
@@ -90,6 +113,9 @@ json ModelJson(const ModelResult& r, bool pls) {
     }
     out["coefficients"] = coefficients;
     out["fitted"] = fitted;
+    out["vip"] = Keyed(r.vip, d.x_names);
+    out["rmsee"] = Keyed(r.rmsee, d.y_names);
+    out["rmsecv"] = Keyed(r.rmsecv, d.y_names);
   }
   return out;
 }
@@ -134,6 +160,7 @@ json PredictJson(const PredictResult& r) {
     if (!r.scored[i]) not_scored.push_back(r.row_names[i]);
   }
   out["not_scored"] = not_scored;
+  AddDiagnostics(out, r.diagnostics);
   if (r.kind == ModelFile::kPLS) {
     json predicted = json::object(), observed = json::object();
     for (std::size_t m = 0; m < r.y_names.size(); ++m) {
@@ -147,7 +174,11 @@ json PredictJson(const PredictResult& r) {
       if (r.y_observed.SizeRows() > 0) observed[r.y_names[m]] = o;
     }
     out["predicted"] = predicted;
-    if (r.y_observed.SizeRows() > 0) out["observed"] = observed;
+    if (r.y_observed.SizeRows() > 0) {
+      out["observed"] = observed;
+      out["rmsep"] = Keyed(r.rmsep, r.y_names);
+      out["r2_prediction"] = Keyed(r.r2_prediction, r.y_names);
+    }
   }
   return out;
 }

@@ -1,9 +1,12 @@
 #include "model_file.h"
 
+#include <mvda/diagnostics/hotelling.h>
 #include <mvda/platform/byte_io.h>
+#include <mvda/platform/error.h>
 #include <mvda/platform/stream_directory.h>
 
 #include <cerrno>
+#include <cmath>
 #include <cstring>
 #include <fstream>
 
@@ -12,12 +15,46 @@
 namespace mvda::cli {
 namespace {
 
-constexpr std::int32_t kVersion = 1;
+constexpr std::int32_t kVersion = 2;
+constexpr std::int32_t kOldestVersion = 1;  // still read
+
+bool Readable(std::int32_t version) { return version >= kOldestVersion && version <= kVersion; }
+
+// A version-1 file has no diagnostics fields; its model keeps the training scores and residuals,
+// from which they follow as the fit computes them. False when they do not (damaged).
+bool DeriveDiagnostics(ModelFile& m) {
+  const NCDataMatrix<float>* scores =
+      m.kind == ModelFile::kPCA ? m.pca.GetTprim() : m.pls.GetTprim();
+  const NCDataMatrix<float>* residuals =
+      m.kind == ModelFile::kPCA ? m.pca.GetResiduals() : m.pls.GetXResiduals();
+  if (!scores || !residuals || residuals->SizeRows() != scores->SizeColumns()) return false;
+  const NCDataMatrix<float>& tprim = *scores;
+  try {
+    m.training_observations = tprim.SizeColumns();
+    m.score_variances = diagnostics::ScoreVariances(tprim);
+    // With no components the residuals are the scaled data: SPE over zero components.
+    const NCDataMatrix<float> none_t(0, tprim.SizeColumns(), 0.0f),
+        none_p(0, residuals->SizeColumns(), 0.0f);
+    m.spe = diagnostics::SPEMomentsOf(diagnostics::SPE(*residuals, none_t, none_p));
+  } catch (const NCError&) {
+    return false;
+  }
+  return true;
+}
+
+bool FiniteAtLeast(double v, double low) { return std::isfinite(v) && v >= low; }
 
 // A model whose parts do not fit together would only fail later, deep inside a prediction.
 bool Consistent(const ModelFile& m) {
   const int k = m.x_names.Size();
   if (m.x_scale.Size() != k || k == 0) return false;
+  if (static_cast<int>(m.score_variances.size()) != m.Components() || m.training_observations < 2 ||
+      !FiniteAtLeast(m.spe.mean, 0) || !FiniteAtLeast(m.spe.variance, 0) || m.spe.count < 2) {
+    return false;
+  }
+  for (const double v : m.score_variances) {
+    if (!(FiniteAtLeast(v, 0) && v > 0)) return false;
+  }
   if (m.kind == ModelFile::kPCA) return m.pca.GetPprim()->SizeColumns() == k;
   return m.pls.GetPprim()->SizeColumns() == k && m.pls.GetWprim()->SizeColumns() == k &&
          m.y_names.Size() > 0 && m.y_scale.Size() == m.y_names.Size() &&
@@ -35,7 +72,7 @@ bool ModelFile::UStreamableStartWrite(std::ostream& os) const {
 }
 
 bool ModelFile::UStreamableWrite(std::ostream& os) const {
-  OutputStreamDirectory dir(os, 8);
+  OutputStreamDirectory dir(os, 11);
   WriteFourBytes(static_cast<std::int32_t>(kind), dir.GetOutput(0));
   WriteWhole(x_names, dir.GetOutput(1));
   WriteWhole(x_scale, dir.GetOutput(2));
@@ -48,13 +85,19 @@ bool ModelFile::UStreamableWrite(std::ostream& os) const {
   }
   WriteBinaryString(scaling, dir.GetOutput(6));
   WriteBinaryString(source, dir.GetOutput(7));
+  WriteFourBytes(training_observations, dir.GetOutput(8));
+  WriteArray(score_variances.data(), score_variances.size(), sizeof(double), dir.GetOutput(9));
+  std::ostream& spe_out = dir.GetOutput(10);
+  WriteArray(&spe.mean, 1, sizeof(double), spe_out);
+  WriteArray(&spe.variance, 1, sizeof(double), spe_out);
+  WriteFourBytes(static_cast<std::int32_t>(spe.count), spe_out);
   return dir.Close();
 }
 
 bool ModelFile::UStreamableStartRead(std::istream& is) {
   if (!MarkUStreamRead(MyStreamableData)) return true;
-  std::int32_t version = 0;
-  return MyStreamableData.Check(is, &version) && version == kVersion &&
+  read_version_ = 0;
+  return MyStreamableData.Check(is, &read_version_) && Readable(read_version_) &&
          UStreamBase::UStreamableStartRead(is) && ModelFile::UStreamableRead(is);
 }
 
@@ -76,6 +119,20 @@ bool ModelFile::UStreamableRead(std::istream& is) {
   }
   if (!(in = dir.GetInput(6)) || !ReadBinaryString(scaling, *in, 64)) return false;
   if (!(in = dir.GetInput(7)) || !ReadBinaryString(source, *in, 4096)) return false;
+  if (read_version_ < 2) return dir.Close() && DeriveDiagnostics(*this) && Consistent(*this);
+  if (!(in = dir.GetInput(8)) || !ReadFourBytes(training_observations, *in)) return false;
+  // Exactly A variances: the entry must hold A doubles and nothing else.
+  if (!(in = dir.GetInput(9))) return false;
+  const std::size_t a = static_cast<std::size_t>(Components());
+  if (StreamBytesLeft(*in) != static_cast<long long>(a * sizeof(double))) return false;
+  score_variances.assign(a, 0.0);
+  if (!ReadArray(score_variances.data(), a, sizeof(double), *in)) return false;
+  std::int32_t count = 0;
+  if (!(in = dir.GetInput(10)) || !ReadArray(&spe.mean, 1, sizeof(double), *in) ||
+      !ReadArray(&spe.variance, 1, sizeof(double), *in) || !ReadFourBytes(count, *in)) {
+    return false;
+  }
+  spe.count = count;
   return dir.Close() && Consistent(*this);
 }
 
@@ -99,9 +156,10 @@ ModelFile LoadModel(const std::string& path) {
     if (!probe.Check(in, &version)) {
       throw ToolError(path + ": not an mvda model file (save one with pca or pls --save)");
     }
-    if (version != kVersion) {
+    if (!Readable(version)) {
       throw ToolError(path + ": model file version " + std::to_string(version) +
-                      ", this tool reads version " + std::to_string(kVersion));
+                      ", this tool reads versions " + std::to_string(kOldestVersion) + " to " +
+                      std::to_string(kVersion));
     }
     in.clear();
     in.seekg(0);

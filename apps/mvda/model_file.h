@@ -4,6 +4,7 @@
 #define MVDA_APPS_MVDA_MODEL_FILE_H_
 
 #include <mvda/containers/string_vector.h>
+#include <mvda/diagnostics/spe.h>
 #include <mvda/models/pca.h>
 #include <mvda/models/pls.h>
 #include <mvda/platform/stream.h>
@@ -12,16 +13,21 @@
 #include <cstdint>
 #include <iosfwd>
 #include <string>
+#include <vector>
 
 namespace mvda::cli {
 
-// Record "MVDAModel", version 1, then a directory:
+// Record "MVDAModel", version 2, then a directory:
 //   0  kind, i32: 1 PCA, 2 PLS
 //   1  X variable names, NCStringVector     2  X scaling, NCScale
 //   3  the model, NCPCA or NCPLS
 //   4  Y variable names (PLS only)          5  Y scaling (PLS only)
 //   6  the scaling option as typed (uv, pareto, ...), string
 //   7  the file the model was fitted on, string
+//   8  training observations N, i32         9  score variances s_a², A f64
+//  10  training SPE mean and variance, 2 f64, and the count of values behind them, i32
+// Version 1 files lack 8-10; reading one derives them from the training scores and residuals the
+// model keeps.
 class ModelFile : public UStreamBase {
  public:
   enum Kind : std::int32_t { kPCA = 1, kPLS = 2 };
@@ -35,6 +41,10 @@ class ModelFile : public UStreamBase {
   NCScale y_scale;
   std::string scaling;
   std::string source;
+  // What T² and SPE of new observations and their limits need from the training set.
+  std::int32_t training_observations = 0;
+  std::vector<double> score_variances;  // one per component
+  diagnostics::SPEMoments spe;          // of the training SPE values
 
   int Components() const {
     return kind == kPCA ? pca.GetPprim()->SizeRows() : pls.GetPprim()->SizeRows();
@@ -46,6 +56,9 @@ class ModelFile : public UStreamBase {
   bool UStreamableStartRead(std::istream& is) override;
   bool UStreamableRead(std::istream& is) override;
   void UStreamableReset() const override;
+
+ private:
+  std::int32_t read_version_ = 0;  // of the file being read
 };
 
 // Reads a model file; ToolError naming the file for one that cannot be opened, a file of another

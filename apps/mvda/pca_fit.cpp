@@ -92,6 +92,7 @@ ModelResult FitPca(Dataset data, const FitSettings& settings) {
   result.components = kept;
   result.pprim = FirstRows(*model.GetPprim(), kept);
   result.tprim = FirstRows(*model.GetTprim(), kept);
+  result.diagnostics = TrainingDiagnostics(x, result.tprim, result.pprim, settings.alphas);
 
   auto file = std::make_shared<ModelFile>();
   file->kind = ModelFile::kPCA;
@@ -100,6 +101,9 @@ ModelResult FitPca(Dataset data, const FitSettings& settings) {
   file->pca = NCPCA(model.GetResiduals(), &result.pprim, &result.tprim, settings.max_iterations);
   file->scaling = settings.scaling;
   file->source = data.path;
+  file->training_observations = n;
+  file->score_variances = result.diagnostics.score_variances;
+  file->spe = result.diagnostics.spe_moments;
   result.model = file;
   result.data = std::move(data);
   return result;

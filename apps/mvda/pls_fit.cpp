@@ -1,3 +1,4 @@
+#include <mvda/diagnostics/pls_diagnostics.h>
 #include <mvda/models/pls.h>
 #include <mvda/platform/error.h>
 #include <mvda/platform/language_string.h>
@@ -11,22 +12,6 @@
 #include "tool_error.h"
 
 namespace mvda::cli {
-namespace {
-
-constexpr float kMissing = -99.0f;
-
-// Multiplier and centre of a scaled variable; a variable left unscaled or uncentred has -99 there.
-float Factor(const NCScale& s, int j) {
-  const float f = s.GetScale()[j];
-  return f == kMissing ? 1.0f : f;
-}
-float Centre(const NCScale& s, int j) {
-  const float m = s.GetMean()[j];
-  return m == kMissing ? 0.0f : m;
-}
-
-}  // namespace
-
 ModelResult FitPls(Dataset data, const FitSettings& settings) {
   const int n = data.x.SizeRows(), k = data.x.SizeColumns(), m = data.y.SizeColumns();
   if (m < 1) throw ToolError("pls: name the response columns with --y");
@@ -124,35 +109,40 @@ ModelResult FitPls(Dataset data, const FitSettings& settings) {
   result.cprim = cprim;
   result.wstar_prim = final_model.GetWStarPrim();
 
-  // Coefficients in the data's units: y = my + sum_k (B_k fx_k / fy) (x_k - mx_k).
-  const Matrix b = final_model.GetRegressionCoefficients(-1);
-  result.coefficients = Matrix(k, m, 0.0f);
-  for (int r = 1; r <= m; ++r) {
-    double intercept = Centre(y_scale, r);
-    for (int j = 1; j <= k; ++j) {
-      const double coefficient =
-          static_cast<double>(b[j][r]) * Factor(x_scale, j) / Factor(y_scale, r);
-      result.coefficients(j, r, static_cast<float>(coefficient));
-      intercept -= coefficient * Centre(x_scale, j);
-    }
-    result.intercepts.push_back(intercept);
-  }
-  // Fitted Y = T C', back in the units of Y.
-  result.fitted = Matrix(n, m, kMissing);
-  for (int i = 1; i <= n; ++i) {
+  if (kept > 0) {
+    const diagnostics::PLSCoefficients b =
+        diagnostics::RegressionCoefficients(final_model, x_scale, y_scale);
+    result.coefficients = b.original;
+    result.scaled_coefficients = b.scaled;
+    result.intercepts = b.intercepts;
+    result.fitted = diagnostics::FittedY(final_model, y_scale);
+    // A figure the data cannot give (a response too short for RMSEE, a Q2 that could not be
+    // cross-validated) is reported as missing; the model itself stands.
+    auto figure = [&](auto compute, std::size_t size) {
+      try {
+        return compute();
+      } catch (const NCError& e) {
+        if (e.GetLevel() == NCError::kStopRequested) throw;
+        return std::vector<double>(size, -99.0);
+      }
+    };
+    result.vip = figure([&] { return diagnostics::VIP(final_model); }, static_cast<std::size_t>(k));
+    result.rmsee = figure([&] { return diagnostics::RMSEE(data.y, result.fitted, kept); },
+                          static_cast<std::size_t>(m));
+    // RMSECV comes from the cross-validated Q2 of the last kept component itself.
+    const ComponentRow& last = result.rows[static_cast<std::size_t>(kept - 1)];
+    result.rmsecv = figure([&] { return diagnostics::RMSECV(final_model, y, last.q2_y, y_scale); },
+                           static_cast<std::size_t>(m));
+  } else {
+    // Nothing significant: the model is the means, every coefficient 0.
+    result.coefficients = result.scaled_coefficients = Matrix(k, m, 0.0f);
+    result.fitted = Matrix(n, m, -99.0f);
     for (int r = 1; r <= m; ++r) {
-      double sum = 0;
-      bool present = true;
-      for (int a = 1; a <= kept; ++a) {
-        const float t = tprim[a][i];
-        if (t == kMissing) present = false;
-        sum += static_cast<double>(t) * cprim[a][r];
-      }
-      if (present) {
-        result.fitted(i, r, static_cast<float>(sum / Factor(y_scale, r) + Centre(y_scale, r)));
-      }
+      const float centre = y_scale.GetMean()[r];
+      result.intercepts.push_back(centre == -99.0f ? 0.0 : centre);
     }
   }
+  result.diagnostics = TrainingDiagnostics(x, tprim, pprim, settings.alphas);
 
   auto file = std::make_shared<ModelFile>();
   file->kind = ModelFile::kPLS;
@@ -163,6 +153,9 @@ ModelResult FitPls(Dataset data, const FitSettings& settings) {
   file->pls = final_model;
   file->scaling = settings.scaling;
   file->source = data.path;
+  file->training_observations = n;
+  file->score_variances = result.diagnostics.score_variances;
+  file->spe = result.diagnostics.spe_moments;
   result.model = file;
   result.data = std::move(data);
   return result;

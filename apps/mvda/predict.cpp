@@ -1,3 +1,4 @@
+#include <mvda/diagnostics/pls_diagnostics.h>
 #include <mvda/models/pca_pred.h>
 #include <mvda/models/pls_pred.h>
 
@@ -30,7 +31,8 @@ std::vector<int> MatchColumns(const CsvTable& table, const NCStringVector& names
 }  // namespace
 
 PredictResult Predict(const ModelFile& model, const std::string& model_path, const CsvTable& table,
-                      double max_missing, const std::string& class_column) {
+                      double max_missing, const std::string& class_column,
+                      const std::vector<std::string>& alphas) {
   if (!(max_missing >= 0 && max_missing <= 1)) {
     throw ToolError("--max-missing: a share between 0 and 1 is expected");
   }
@@ -43,6 +45,7 @@ PredictResult Predict(const ModelFile& model, const std::string& model_path, con
   result.model_source = model.source;
   result.components = model.Components();
   result.row_names = table.row_names;
+  for (int j = 1; j <= model.x_names.Size(); ++j) result.x_names.push_back(model.x_names[j]);
   result.max_missing = max_missing;
   if (!class_column.empty()) {
     const int c = table.Find(class_column);
@@ -106,6 +109,15 @@ PredictResult Predict(const ModelFile& model, const std::string& model_path, con
       for (int r = 1; r <= result.y_pred.SizeColumns(); ++r) result.y_pred(i, r, kMissing);
     }
     result.scored.push_back(scored);
+  }
+  const Matrix& pprim =
+      model.kind == ModelFile::kPCA ? *model.pca.GetPprim() : *model.pls.GetPprim();
+  result.diagnostics = PredictionDiagnostics(x, result.tprim, pprim, model, alphas);
+  if (result.y_observed.SizeRows() > 0) {
+    const diagnostics::PredictionErrors errors =
+        diagnostics::PredictionError(result.y_observed, result.y_pred);
+    result.rmsep = errors.rmsep;
+    result.r2_prediction = errors.r2;
   }
   return result;
 }

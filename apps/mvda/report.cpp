@@ -1,3 +1,7 @@
+#include <mvda/diagnostics/hotelling.h>
+#include <mvda/diagnostics/pls_diagnostics.h>
+#include <mvda/platform/error.h>
+
 #include <algorithm>
 #include <array>
 #include <cmath>
@@ -50,28 +54,84 @@ std::string Figure(const std::string& svg, const std::string& caption) {
   return "<figure>" + svg + "<figcaption>" + caption + "</figcaption></figure>\n";
 }
 
-// Scores of components a and b (b = 0: against the observation number), coloured by class.
+// Scores of components a and b (b = 0: against the observation number), coloured by class, with
+// the 95 % and 99 % T² ellipses of the training set (for b = 0, the band |t| <= sqrt(s² L)) when
+// d is given; observations outside the 99 % ellipse (or band) are named.
 std::string ScorePlot(const std::string& title, const Matrix& tprim, int a, int b,
                       const std::vector<std::string>& names,
                       const std::vector<std::string>& classes, const std::string& class_name,
-                      const std::string& x_label, const std::string& y_label) {
+                      const std::string& x_label, const std::string& y_label,
+                      const Diagnostics* d) {
   const int n = tprim.SizeColumns();
   std::vector<std::string> order;
   const auto colours = ClassColours(classes, order);
   SvgPlot plot(640, 440, title, x_label, y_label);
-  if (!order.empty()) plot.SetMargins(64, 130, 34, 50);
+  plot.SetMargins(64, 130, 34, 50);
   Range xr, yr;
   for (int i = 1; i <= n; ++i) {
     xr.Add(b > 0 ? tprim[a][i] : i);
     yr.Add(b > 0 ? tprim[b][i] : tprim[a][i]);
   }
   if (xr.Empty() || yr.Empty()) return "";
+  // The semi-axes at each level: the 2-D ellipse, or the band of one component's T².
+  std::vector<std::pair<double, double>> axes;  // (horizontal, vertical) for 95 %, 99 %
+  if (d && !d->score_variances.empty()) {
+    for (const double alpha : {0.95, 0.99}) {
+      try {
+        if (b > 0) {
+          const auto e =
+              diagnostics::T2Ellipse(d->score_variances, a, b, d->training_observations, alpha);
+          axes.emplace_back(e.horizontal, e.vertical);
+        } else if (d->score_variances.size() == 1 && Present(d->T2Limit(alpha))) {
+          axes.emplace_back(0, std::sqrt(d->score_variances[0] * d->T2Limit(alpha)));
+        }
+      } catch (const NCError&) {
+        // Too few training observations for a limit: no ellipse.
+      }
+    }
+  }
+  for (const auto& [h, v] : axes) {
+    if (b > 0) {
+      xr.Add(-h);
+      xr.Add(h);
+    }
+    yr.Add(-v);
+    yr.Add(v);
+  }
   xr.Add(0);
   yr.Add(0);
   plot.SetXRange(xr.lo, xr.hi);
   plot.SetYRange(yr.lo, yr.hi);
+  // Observations outside the 99 % ellipse (or band) are named; their points are reserved first so
+  // that no label lands on them.
+  auto position = [&](int i) {
+    const double x = b > 0 ? tprim[a][i] : i, y = b > 0 ? tprim[b][i] : tprim[a][i];
+    return std::make_pair(plot.X(x), plot.Y(y));
+  };
+  std::vector<int> outside;
+  for (int i = 1; i <= n && axes.size() == 2; ++i) {
+    const double x = b > 0 ? tprim[a][i] : i, y = b > 0 ? tprim[b][i] : tprim[a][i];
+    if (!Present(x) || !Present(y)) continue;
+    const auto [h, v] = axes[1];
+    const double reach = b > 0 ? (x / h) * (x / h) + (y / v) * (y / v) : (y / v) * (y / v);
+    if (reach > 1) {
+      outside.push_back(i);
+      plot.Reserve(position(i).first, position(i).second, 3.5);
+    }
+  }
   plot.Line(plot.XLo(), 0, plot.XHi(), 0, "#999", "4 3", 1);
   if (b > 0) plot.Line(0, plot.YLo(), 0, plot.YHi(), "#999", "4 3", 1);
+  const char* const kColour[] = {"#ff7f0e", "#d62728"};  // as on the T² and SPE charts
+  for (std::size_t l = 0; l < axes.size(); ++l) {
+    const char* level = l == 0 ? "95%" : "99%";
+    if (b > 0) {
+      plot.Ellipse(0, 0, axes[l].first, axes[l].second, kColour[l], "6 4",
+                   std::string("T2 ") + level + " ellipse");
+    } else {
+      plot.HLine(axes[l].second, kColour[l], "6 4", std::string("T2 ") + level);
+      plot.HLine(-axes[l].second, kColour[l], "6 4", "");
+    }
+  }
   for (int i = 1; i <= n; ++i) {
     const double x = b > 0 ? tprim[a][i] : i, y = b > 0 ? tprim[b][i] : tprim[a][i];
     if (!Present(x) || !Present(y)) continue;
@@ -80,8 +140,210 @@ std::string ScorePlot(const std::string& title, const Matrix& tprim, int a, int 
     plot.Point(x, y, classes.empty() ? SeriesColour(0) : colours.at(cls),
                name + (cls.empty() ? "" : " (" + class_name + " " + cls + ")"));
   }
+  for (const int i : outside) {
+    const auto [px, py] = position(i);
+    plot.PlaceLabel(px, py, names[static_cast<std::size_t>(i - 1)], "#a00", false);
+  }
   for (const std::string& c : order) plot.AddLegend(class_name + " " + c, colours.at(c));
+  if (axes.size() == 2) {
+    plot.AddLegend("T2 95%", kColour[0], true);
+    plot.AddLegend("T2 99%", kColour[1], true);
+  }
   return plot.Svg();
+}
+
+// One statistic per observation (T² or SPE) with its 95 % and 99 % limits; observations beyond
+// the 99 % limit are red and named.
+std::string StatisticChart(const std::string& title, const std::string& statistic,
+                           const std::vector<double>& values, double limit95, double limit99,
+                           const std::vector<std::string>& names) {
+  SvgPlot plot(860, 340, title, "Observation", statistic);
+  plot.SetMargins(64, 130, 34, 50);
+  Range yr;
+  yr.Add(0);
+  for (const double v : values) yr.Add(v);
+  yr.Add(limit95);
+  yr.Add(limit99);
+  if (yr.Empty()) return "";
+  const int n = static_cast<int>(values.size());
+  plot.SetXRange(0.5, n + 0.5, false);
+  plot.SetYRange(0, yr.hi);
+  // The named points first, so that the limit labels keep off them.
+  for (int i = 1; i <= n; ++i) {
+    const double v = values[static_cast<std::size_t>(i - 1)];
+    if (Present(v) && Present(limit99) && v > limit99) plot.Reserve(plot.X(i), plot.Y(v), 3);
+  }
+  if (Present(limit95)) plot.HLine(limit95, "#ff7f0e", "6 4", "95% " + Fixed(limit95));
+  if (Present(limit99)) plot.HLine(limit99, "#d62728", "6 4", "99% " + Fixed(limit99));
+  std::vector<std::pair<double, double>> line;
+  for (int i = 1; i <= n; ++i) {
+    const double v = values[static_cast<std::size_t>(i - 1)];
+    if (Present(v)) line.emplace_back(i, v);
+  }
+  plot.Polyline(line, "#9ab", 0.8);
+  std::vector<int> out;
+  for (const auto& [i, v] : line) {
+    const bool beyond = Present(limit99) && v > limit99;
+    const int obs = static_cast<int>(i);
+    plot.Point(i, v, beyond ? "#d62728" : SeriesColour(0),
+               names[static_cast<std::size_t>(obs - 1)] + ": " + statistic + " " + Fixed(v),
+               n > 200 ? 2.2 : 3);
+    if (beyond) out.push_back(obs);
+  }
+  for (const int i : out) {
+    plot.PlaceLabel(plot.X(i), plot.Y(values[static_cast<std::size_t>(i - 1)]),
+                    names[static_cast<std::size_t>(i - 1)], "#a00", false);
+  }
+  plot.AddLegend("95% limit", "#ff7f0e", true);
+  plot.AddLegend("99% limit", "#d62728", true);
+  plot.AddLegend("Beyond 99%", "#d62728");
+  return plot.Svg();
+}
+
+// T² against SPE: an observation outside the box of the 99 % limits is far from the model's
+// centre, far from its plane, or both. The 95 % box is drawn lighter.
+std::string InfluencePlot(const std::string& title, const Diagnostics& d,
+                          const std::vector<std::string>& names) {
+  SvgPlot plot(640, 440, title, "Hotelling's T2", "SPE");
+  plot.SetMargins(64, 130, 34, 50);
+  Range xr, yr;
+  xr.Add(0);
+  yr.Add(0);
+  for (std::size_t i = 0; i < d.t2.size(); ++i) {
+    if (!Present(d.t2[i]) || !Present(d.spe[i])) continue;
+    xr.Add(d.t2[i]);
+    yr.Add(d.spe[i]);
+  }
+  const double t95 = d.T2Limit(0.95), t99 = d.T2Limit(0.99);
+  const double s95 = d.SPELimit(0.95), s99 = d.SPELimit(0.99);
+  for (const double v : {t95, t99}) xr.Add(v);
+  for (const double v : {s95, s99}) yr.Add(v);
+  if (xr.hi <= 0 && yr.hi <= 0) return "";
+  plot.SetXRange(0, xr.hi);
+  plot.SetYRange(0, yr.hi);
+  // The named points first, so that the limit labels keep off them.
+  auto beyond = [&](std::size_t i) {
+    return Present(d.t2[i]) && Present(d.spe[i]) &&
+           ((Present(t99) && d.t2[i] > t99) || (Present(s99) && d.spe[i] > s99));
+  };
+  for (std::size_t i = 0; i < d.t2.size(); ++i) {
+    if (beyond(i)) plot.Reserve(plot.X(d.t2[i]), plot.Y(d.spe[i]), 3.5);
+  }
+  if (Present(t95)) plot.VLine(t95, "#ff7f0e", "6 4", "T2 95%");
+  if (Present(t99)) plot.VLine(t99, "#d62728", "6 4", "T2 99%");
+  if (Present(s95)) plot.HLine(s95, "#ff7f0e", "6 4", "SPE 95%");
+  if (Present(s99)) plot.HLine(s99, "#d62728", "6 4", "SPE 99%");
+  std::vector<std::size_t> out;
+  for (std::size_t i = 0; i < d.t2.size(); ++i) {
+    if (!Present(d.t2[i]) || !Present(d.spe[i])) continue;
+    plot.Point(d.t2[i], d.spe[i], beyond(i) ? "#d62728" : SeriesColour(0),
+               names[i] + ": T2 " + Fixed(d.t2[i]) + ", SPE " + Fixed(d.spe[i]));
+    if (beyond(i)) out.push_back(i);
+  }
+  for (const std::size_t i : out) {
+    plot.PlaceLabel(plot.X(d.t2[i]), plot.Y(d.spe[i]), names[i], "#a00", false);
+  }
+  plot.AddLegend("95% limits", "#ff7f0e", true);
+  plot.AddLegend("99% limits", "#d62728", true);
+  plot.AddLegend("Beyond 99%", "#d62728");
+  return plot.Svg();
+}
+
+// One bar per variable (or response), in the given order, with optional reference lines.
+std::string VariableBars(const std::string& title, const std::string& y_label,
+                         const std::vector<std::string>& names, const std::vector<double>& values,
+                         const std::vector<std::size_t>& order, double reference,
+                         const std::string& reference_label) {
+  const std::size_t k = order.size();
+  // Names under the bars when they fit, else only in the hover text.
+  std::size_t longest = 0;
+  for (const std::size_t j : order) longest = std::max(longest, names[j].size());
+  const int width = static_cast<int>(std::clamp<std::size_t>(64 + 40 + 22 * k, 520, 1080));
+  const double slot = (width - 64.0 - 40) / static_cast<double>(k);
+  const bool labels = slot >= 12;
+  const int room =
+      labels ? 16 + static_cast<int>(6.6 * static_cast<double>(std::min<std::size_t>(longest, 24)))
+             : 0;
+  SvgPlot plot(width, 320 + room, title, labels ? "Variable" : "Variables (hover for names)",
+               y_label);
+  plot.SetMargins(64, 40, 34, labels ? room + 24 : 50);
+  Range yr;
+  yr.Add(0);
+  yr.Add(reference);
+  for (const double v : values) yr.Add(v);
+  plot.SetXRange(0.5, static_cast<double>(k) + 0.5, false);
+  plot.SetYRange(yr.lo, yr.hi);
+  plot.SetXTickLabelsHidden();
+  for (std::size_t s = 0; s < k; ++s) {
+    const std::size_t j = order[s];
+    const double x = static_cast<double>(s) + 1;
+    const double v = values[j];
+    if (!Present(v)) continue;
+    plot.Bar(x - 0.4, x + 0.4, v, v >= 0 ? SeriesColour(0) : SeriesColour(1),
+             names[j] + ": " + Fixed(v, 4));
+    if (labels) {
+      std::string name = names[j].size() > 24 ? names[j].substr(0, 23) + "\u2026" : names[j];
+      char head[128];
+      std::snprintf(head, sizeof head, "<text transform=\"translate(%.1f,%.1f) rotate(-90)\" ",
+                    plot.X(x) + 4, plot.Bottom() + 6.0);
+      plot.Raw(std::string(head) + "text-anchor=\"end\" font-size=\"11\">" + Escape(name) +
+               "</text>\n");
+    }
+  }
+  plot.Line(0.5, 0, static_cast<double>(k) + 0.5, 0, "#444", "", 1);
+  if (!reference_label.empty()) plot.HLine(reference, "#d62728", "6 4", reference_label);
+  return plot.Svg();
+}
+
+std::vector<std::size_t> NaturalOrder(std::size_t k) {
+  std::vector<std::size_t> order(k);
+  for (std::size_t j = 0; j < k; ++j) order[j] = j;
+  return order;
+}
+
+// The contributions of the variables to the statistic that puts the most extreme observation
+// furthest out, with a caption naming it.
+std::string ContributionFigure(const Diagnostics& d, const std::vector<std::string>& row_names,
+                               const std::vector<std::string>& x_names) {
+  if (d.extreme == 0 || d.contributions.empty()) return "";
+  const std::size_t i = static_cast<std::size_t>(d.extreme - 1);
+  const std::string& name = row_names[i];
+  const std::string statistic = d.extreme_by_spe ? "SPE" : "T2";
+  const double value = d.extreme_by_spe ? d.spe[i] : d.t2[i];
+  const double limit = d.extreme_by_spe ? d.SPELimit(0.99) : d.T2Limit(0.99);
+  return Figure(VariableBars("Contributions to the " + statistic + " of " + name,
+                             d.extreme_by_spe ? "Residual (scaled units)" : "Contribution to T2",
+                             x_names, d.contributions, NaturalOrder(x_names.size()), 0, ""),
+                "The most extreme observation, " + Escape(name) + ": " + statistic + " " +
+                    Fixed(value) + " against a 99% limit of " + Fixed(limit) +
+                    (d.extreme_by_spe
+                         ? ". Each bar is the variable's residual after the model (scaled units); "
+                           "the tallest bars are what the model does not explain."
+                         : ". Each bar is the variable's pull along the model's components "
+                           "(scaled units); the tallest bars put the observation far from the "
+                           "centre."));
+}
+
+// The pictures of T² and SPE: the two charts per observation and the influence plot.
+std::string DiagnosticsFigures(const Diagnostics& d, const std::vector<std::string>& names,
+                               const std::string& whose) {
+  std::string out;
+  if (std::any_of(d.t2.begin(), d.t2.end(), Present)) {
+    out += Figure(StatisticChart("Hotelling's T2" + whose, "T2", d.t2, d.T2Limit(0.95),
+                                 d.T2Limit(0.99), names),
+                  "Distance of each observation from the centre of the model, within its "
+                  "plane, with the 95% and 99% limits.");
+  }
+  out +=
+      Figure(StatisticChart("SPE" + whose, "SPE", d.spe, d.SPELimit(0.95), d.SPELimit(0.99), names),
+             "Squared distance of each observation from the model's plane (residual after the "
+             "components, scaled units), with the 95% and 99% limits.");
+  if (std::any_of(d.t2.begin(), d.t2.end(), Present)) {
+    out += Figure(InfluencePlot("T2 against SPE" + whose, d, names),
+                  "Observations outside the box of the 99% limits are named: to the right they "
+                  "are extreme within the model, above it the model does not describe them.");
+  }
+  return out;
 }
 
 // Loadings (or weights) of components a and b, one labelled point per variable; a second set
@@ -109,32 +371,13 @@ std::string LoadingPlot(const std::string& title, const Matrix& xprim,
   if (yprim) plot.SetMargins(64, 120, 34, 50);
   plot.Line(plot.XLo(), 0, plot.XHi(), 0, "#999", "4 3", 1);
   if (b > 0) plot.Line(0, plot.YLo(), 0, plot.YHi(), "#999", "4 3", 1);
-  // Names go right of their point, or left, above or below it where that spot is taken.
-  std::vector<std::array<double, 4>> taken;
-  auto place = [&](double px, double py, const std::string& text) {
-    const double w = 6.2 * static_cast<double>(text.size()), h = 11;
-    constexpr int kSpots = 6;  // where every spot is taken, the last one is used anyway
-    const double offsets[kSpots][2] = {{5, -4},      {5, 11},  {-5 - w, -4},
-                                       {-5 - w, 11}, {5, -15}, {5, 22}};
-    for (int k = 0; k < kSpots; ++k) {
-      const double x0 = px + offsets[k][0], y0 = py + offsets[k][1] - h;
-      const bool clear = std::none_of(taken.begin(), taken.end(), [&](const auto& r) {
-        return x0 < r[2] && x0 + w > r[0] && y0 < r[3] && y0 + h > r[1];
-      });
-      if (clear || k == kSpots - 1) {
-        taken.push_back({x0, y0, x0 + w, y0 + h});
-        plot.TextAt(px + offsets[k][0], py + offsets[k][1], text, "#333");
-        return;
-      }
-    }
-  };
   auto draw = [&](const Matrix& m, const std::vector<std::string>& names, const char* colour) {
     for (int j = 1; j <= m.SizeColumns(); ++j) {
       const double x = b > 0 ? m[a][j] : j, y = b > 0 ? m[b][j] : m[a][j];
       if (!Present(x) || !Present(y)) continue;
       const std::string& name = names[static_cast<std::size_t>(j - 1)];
       plot.Point(x, y, colour, name);
-      place(plot.X(x), plot.Y(y), name);
+      plot.PlaceLabel(plot.X(x), plot.Y(y), name, "#333");
     }
   };
   draw(xprim, x_names, SeriesColour(0));
@@ -146,7 +389,8 @@ std::string LoadingPlot(const std::string& title, const Matrix& xprim,
   return plot.Svg();
 }
 
-// Cumulative R2 and Q2 per component, side by side.
+// Cumulative R2 and Q2 per component, and each component's own Q2 with the limit it has to pass
+// to be kept.
 std::string SummaryBars(const ModelResult& r, bool pls) {
   std::vector<std::string> names;
   Range yr;
@@ -154,30 +398,39 @@ std::string SummaryBars(const ModelResult& r, bool pls) {
   yr.Add(1);
   for (const ComponentRow& row : r.rows) {
     names.push_back(std::to_string(row.component) + (row.kept ? "" : " (" + row.verdict + ")"));
-    yr.Add(row.q2_cum);
+    for (const double v : {row.q2_cum, row.q2, row.q2_limit}) yr.Add(v);
   }
-  SvgPlot plot(560, 360, "Explained and predicted variation", "Component", "Fraction (cumulative)");
-  plot.SetMargins(64, 130, 34, 50);
+  SvgPlot plot(600, 360, "Explained and predicted variation", "Component", "Fraction");
+  plot.SetMargins(64, 150, 34, 50);
   plot.SetXCategories(names);
   plot.SetYRange(std::max(yr.lo, -1.0), yr.hi, false);
   const char* r2_name = pls ? "R2Y(cum)" : "R2X(cum)";
   for (const ComponentRow& row : r.rows) {
     const double x = row.component;
     const double r2 = pls ? row.r2y_cum : row.r2x_cum;
-    plot.Bar(x - 0.35, x, r2, SeriesColour(0), std::string(r2_name) + " " + Fixed(r2));
-    plot.Bar(x, x + 0.35, std::max(row.q2_cum, -1.0), SeriesColour(2),
+    plot.Bar(x - 0.39, x - 0.13, r2, SeriesColour(0), std::string(r2_name) + " " + Fixed(r2));
+    plot.Bar(x - 0.13, x + 0.13, std::max(row.q2_cum, -1.0), SeriesColour(2),
              "Q2(cum) " + Fixed(row.q2_cum));
+    plot.Bar(x + 0.13, x + 0.39, std::max(row.q2, -1.0), SeriesColour(7),
+             "Q2 of component " + std::to_string(row.component) + " " + Fixed(row.q2) + ", limit " +
+                 Fixed(row.q2_limit));
+    plot.Line(x + 0.09, row.q2_limit, x + 0.43, row.q2_limit, "#222", "", 2.5);
   }
   plot.Line(0.4, 0, static_cast<double>(names.size()) + 0.6, 0, "#444", "", 1);
   plot.AddLegend(r2_name, SeriesColour(0));
   plot.AddLegend("Q2(cum)", SeriesColour(2));
+  plot.AddLegend("Q2 (component)", SeriesColour(7));
+  plot.AddLegend("Q2 limit", "#222", true);
   return plot.Svg();
 }
 
+// Predicted (or fitted: `what`) against observed values of one response, with the figures of merit
+// written in the top left corner.
 std::string ObservedPredicted(const std::string& title, const Matrix& observed,
                               const Matrix& predicted, int column,
-                              const std::vector<std::string>& names, const std::string& y_name) {
-  SvgPlot plot(520, 440, title, "Observed " + y_name, "Predicted " + y_name);
+                              const std::vector<std::string>& names, const std::string& y_name,
+                              const std::string& what, const std::vector<std::string>& notes) {
+  SvgPlot plot(520, 440, title, "Observed " + y_name, what + " " + y_name);
   Range r;
   for (int i = 1; i <= observed.SizeRows(); ++i) {
     if (!Present(observed[i][column]) || !Present(predicted[i][column])) continue;
@@ -193,7 +446,11 @@ std::string ObservedPredicted(const std::string& title, const Matrix& observed,
     if (!Present(o) || !Present(p)) continue;
     plot.Point(o, p, SeriesColour(0),
                names[static_cast<std::size_t>(i - 1)] + ": " + Fixed(o, 4) + " observed, " +
-                   Fixed(p, 4) + " predicted");
+                   Fixed(p, 4) + " " + what);
+  }
+  for (std::size_t k = 0; k < notes.size(); ++k) {
+    plot.TextAt(plot.Left() + 8, plot.Top() + 16 + 15 * static_cast<double>(k), notes[k], "#222",
+                12);
   }
   return plot.Svg();
 }
@@ -215,46 +472,94 @@ std::string ComponentTable(const ModelResult& r, bool pls) {
   return os.str();
 }
 
-std::string AxisName(const char* letter, int a, const ModelResult& r, bool pls) {
+// The name of component a on an axis with the share of X it explains: for PLS too, since the
+// scores and loadings are of X.
+std::string AxisName(const std::string& letter, int a, const ModelResult& r) {
   const ComponentRow& row = r.rows[static_cast<std::size_t>(a - 1)];
-  return std::string(letter) + std::to_string(a) + " (" + (pls ? "R2Y " : "R2X ") +
-         Percent(pls ? row.r2y : row.r2x) + ")";
+  return letter + std::to_string(a) + " (R2X " + Percent(row.r2x) + ")";
 }
 
 // The merge tree with leaves along the bottom, coloured by class (or, without classes, by the
-// clusters of a cut); a cut is drawn as a dashed line between the merges it undoes and keeps.
+// clusters of a cut); the branches of each cluster of a cut have the cluster's colour, and the
+// cut itself is a dashed line between the merges it undoes and keeps. Leaf names are drawn where
+// they fit at a readable size (every name, or every second, third... one); every leaf has its
+// name as hover text over its whole column.
 std::string Dendrogram(const ClusterResult& r) {
   const std::size_t n = r.leaf_order.size();
-  constexpr int kWidth = 1080, kLeft = 64, kRight = 130;
+  constexpr int kWidth = 1080, kLeft = 64, kRight = 130, kFont = 10;
   const double spacing = static_cast<double>(kWidth - kLeft - kRight) / static_cast<double>(n);
-  const bool labels = spacing >= 4;  // below that a name is a smudge; the tooltip still has it
-  const int font = std::min(11, static_cast<int>(spacing) + 1);
+  // Rotated names sit side by side: one per slot when the slots are as wide as the text is high.
+  const std::size_t stride = static_cast<std::size_t>(std::ceil((kFont + 1.0) / spacing));
+  const bool labels = stride <= 8;  // sparser than that, a few names do not help
   std::size_t longest = 0;
   for (const std::string& name : r.data.row_names) longest = std::max(longest, name.size());
   const int label_room =
-      labels ? 16 + static_cast<int>(0.62 * font * static_cast<double>(longest)) : 0;
-  SvgPlot plot(kWidth, 400 + label_room, "Dendrogram (" + r.method + ")",
-               labels ? "" : "Observations (" + std::to_string(n) + ")", "Merge height");
+      labels ? 12 + static_cast<int>(0.6 * kFont *
+                                     static_cast<double>(std::min<std::size_t>(longest, 40)))
+             : 0;
+  const int bottom = labels ? label_room + 40 : 50;
+  std::string x_label = "Observations (" + std::to_string(n) + ")";
+  if (labels && stride > 1) {
+    x_label += ", every " + std::to_string(stride) +
+               (stride == 2   ? "nd"
+                : stride == 3 ? "rd"
+                              : "th") +
+               " named; hover for the others";
+  }
+  SvgPlot plot(kWidth, 350 + bottom, "Dendrogram (" + r.method + ")", x_label, "Merge height");
   std::vector<std::string> groups = r.data.classes;
   std::string group_name = r.data.class_name;
+  std::vector<std::string> order;
   if (groups.empty() && r.cut > 0) {
+    // Clusters in number order (1 is not always the leftmost), for the legend and the colours.
+    for (int c = 1; c <= r.cut; ++c) order.push_back(std::to_string(c));
     for (const int c : r.membership) groups.push_back(std::to_string(c));
     group_name = "Cluster";
   }
-  std::vector<std::string> order;
-  const auto colours = ClassColours(groups, order);
-  plot.SetMargins(kLeft, kRight, 34, labels ? label_room + 10 : 50);
+  std::vector<std::string> seen;
+  auto colours = ClassColours(order.empty() ? groups : order, seen);
+  order = seen;
+  plot.SetMargins(kLeft, kRight, 34, bottom);
   const double top = r.nodes.back().height;
   plot.SetXRange(-0.5, static_cast<double>(n) - 0.5, false);
   plot.SetYRange(0, top > 0 ? top * 1.04 : 1, false);
   plot.SetXTickLabelsHidden();
-  for (const auto& node : r.nodes) {
+  // The colour of every node's branches: that of the cut cluster it belongs to, else dark grey.
+  // Cluster colours follow the class colours so that the two never share one.
+  std::vector<const char*> branch(r.nodes.size(), "#333");
+  const bool by_class = !r.data.classes.empty();
+  auto cluster_colour = [&](int c) {
+    return by_class ? SeriesColour(order.size() + static_cast<std::size_t>(c) - 1)
+                    : colours.at(std::to_string(c));
+  };
+  if (r.cut > 1) {
+    for (const int root : TopClusters(r, r.cut)) {
+      std::vector<int> stack = {root}, inside;
+      int cluster = 0;
+      while (!stack.empty()) {
+        const int at = stack.back();
+        stack.pop_back();
+        inside.push_back(at);
+        const auto& node = r.nodes[static_cast<std::size_t>(at)];
+        if (node.left < 0) {
+          cluster = r.membership[static_cast<std::size_t>(node.row)];
+        } else {
+          stack.push_back(node.left);
+          stack.push_back(node.right);
+        }
+      }
+      for (const int at : inside) branch[static_cast<std::size_t>(at)] = cluster_colour(cluster);
+    }
+  }
+  for (std::size_t at = 0; at < r.nodes.size(); ++at) {
+    const auto& node = r.nodes[at];
     if (node.left < 0) continue;
     const auto& l = r.nodes[static_cast<std::size_t>(node.left)];
     const auto& rt = r.nodes[static_cast<std::size_t>(node.right)];
-    plot.Line(l.x, l.height, l.x, node.height, "#333", "", 1);
-    plot.Line(rt.x, rt.height, rt.x, node.height, "#333", "", 1);
-    plot.Line(l.x, node.height, rt.x, node.height, "#333", "", 1);
+    plot.Line(l.x, l.height, l.x, node.height, branch[static_cast<std::size_t>(node.left)], "", 1);
+    plot.Line(rt.x, rt.height, rt.x, node.height, branch[static_cast<std::size_t>(node.right)], "",
+              1);
+    plot.Line(l.x, node.height, rt.x, node.height, branch[at], "", 1);
   }
   if (r.cut > 1) {
     // Midway between the highest merge kept and the lowest one undone.
@@ -277,15 +582,30 @@ std::string Dendrogram(const ClusterResult& r) {
     if (!r.data.classes.empty()) tip += " (" + r.data.class_name + " " + r.data.classes[obs] + ")";
     if (r.cut > 0) tip += ", cluster " + std::to_string(r.membership[obs]);
     plot.Point(static_cast<double>(s), 0, colour, tip, std::min(3.0, 0.45 * spacing));
-    if (labels) {
-      char head[96];
+    const double px = plot.X(static_cast<double>(s));
+    char box[160];
+    // The hover target: the leaf's slot from the axis down through the names.
+    std::snprintf(box, sizeof box,
+                  "<rect x=\"%.1f\" y=\"%d\" width=\"%.2f\" height=\"%d\" fill=\"#000\" "
+                  "fill-opacity=\"0\"><title>",
+                  px - 0.5 * spacing, plot.Bottom(), spacing, label_room + 8);
+    plot.Raw(std::string(box) + Escape(tip) + "</title></rect>\n");
+    if (labels && s % stride == 0) {
+      std::string name = r.data.row_names[obs];
+      if (name.size() > 40) name = name.substr(0, 39) + "\u2026";
+      char head[128];
       std::snprintf(head, sizeof head, "<text transform=\"translate(%.1f,%.1f) rotate(-90)\" ",
-                    plot.X(static_cast<double>(s)) + 0.35 * font, plot.Bottom() + 6.0);
-      plot.Raw(std::string(head) + "text-anchor=\"end\" font-size=\"" + std::to_string(font) +
-               "\" fill=\"" + colour + "\">" + Escape(r.data.row_names[obs]) + "</text>\n");
+                    px + 0.35 * kFont, plot.Bottom() + 6.0);
+      plot.Raw(std::string(head) + "text-anchor=\"end\" font-size=\"" + std::to_string(kFont) +
+               "\" fill=\"" + colour + "\" pointer-events=\"none\">" + Escape(name) + "</text>\n");
     }
   }
   for (const std::string& c : order) plot.AddLegend(group_name + " " + c, colours.at(c));
+  if (by_class && r.cut > 1) {
+    for (int c = 1; c <= r.cut; ++c) {
+      plot.AddLegend("Cluster " + std::to_string(c), cluster_colour(c), true);
+    }
+  }
   return plot.Svg();
 }
 
@@ -304,8 +624,7 @@ std::string ChartPanel(const ChartResult& r, const ChartResult::Panel& p) {
   plot.SetYRange(yr.lo, yr.hi);
   if (r.baseline < count) {
     const double edge = r.baseline + 0.5;
-    plot.Line(edge, plot.YLo(), edge, plot.YHi(), "#777", "2 3", 1);
-    plot.TextAt(plot.X(edge) + 4, plot.Bottom() - 6, "end of baseline", "#555");
+    plot.VLine(edge, "#777", "2 3", "end of baseline");
   }
   if (Present(p.upper))
     plot.HLine(p.upper, "#d62728", "6 4", (cusum ? "h " : "UCL ") + Fixed(p.upper));
@@ -357,17 +676,24 @@ void Report::AddPca(const ModelResult& r) {
     const int b = r.components >= 2 ? 2 : 0;
     os << Figure(
               ScorePlot("Scores", r.tprim, 1, b, d.row_names, d.classes, d.class_name,
-                        b ? AxisName("t", 1, r, false) : "Observation",
-                        AxisName("t", b ? 2 : 1, r, false)),
+                        b ? AxisName("t", 1, r) : "Observation", AxisName("t", b ? 2 : 1, r),
+                        &r.diagnostics),
               "Score plot: each point is an observation" +
                   (d.class_name.empty() ? std::string() : ", coloured by " + Escape(d.class_name)) +
-                  ".")
+                  "; the 95% and 99% T2 limits (ellipses; lines for a single component) hold "
+                  "that share of the observations a model like this expects, and those "
+                  "outside the 99% one are named.")
        << Figure(LoadingPlot("Loadings", r.pprim, d.x_names, nullptr, {}, 1, b,
-                             b ? "p1" : "Variable", b ? "p2" : "p1"),
+                             b ? AxisName("p", 1, r) : "Variable", AxisName("p", b ? 2 : 1, r)),
                  "Loading plot: variables far from the origin shape the components; variables "
                  "close together are correlated.");
   }
-  os << Figure(SummaryBars(r, false), "Cumulative R2X and Q2 per component.") << "</section>\n";
+  os << DiagnosticsFigures(r.diagnostics, d.row_names, "")
+     << ContributionFigure(r.diagnostics, d.row_names, d.x_names)
+     << Figure(SummaryBars(r, false),
+               "Cumulative R2X and Q2, and each component's Q2 against the limit it must exceed "
+               "to be kept.")
+     << "</section>\n";
   body_ += os.str();
 }
 
@@ -383,20 +709,52 @@ void Report::AddPls(const ModelResult& r) {
   if (r.components >= 1) {
     const int b = r.components >= 2 ? 2 : 0;
     os << Figure(ScorePlot("X scores", r.tprim, 1, b, d.row_names, d.classes, d.class_name,
-                           b ? AxisName("t", 1, r, true) : "Observation",
-                           AxisName("t", b ? 2 : 1, r, true)),
-                 "Score plot of the X scores.")
+                           b ? AxisName("t", 1, r) : "Observation", AxisName("t", b ? 2 : 1, r),
+                           &r.diagnostics),
+                 "Score plot of the X scores with the 95% and 99% T2 ellipses; observations "
+                 "outside the 99% one are named.")
        << Figure(LoadingPlot("Weights w* and c", r.wstar_prim, d.x_names, &r.cprim, d.y_names, 1, b,
-                             b ? "w*c1" : "Variable", b ? "w*c2" : "w*c1"),
+                             b ? AxisName("w*c", 1, r) : "Variable", AxisName("w*c", b ? 2 : 1, r)),
                  "X variables near a response relate to it positively; opposite it, negatively.");
+    const diagnostics::PredictionErrors fit = diagnostics::PredictionError(d.y, r.fitted);
     for (std::size_t m = 0; m < d.y_names.size() && m < 4; ++m) {
-      os << Figure(ObservedPredicted("Observed and fitted " + d.y_names[m], d.y, r.fitted,
-                                     static_cast<int>(m) + 1, d.row_names, d.y_names[m]),
-                   "Fitted against observed " + Escape(d.y_names[m]) +
-                       "; the dashed line is a perfect fit.");
+      const std::vector<std::string> notes = {"R2 " + Fixed(fit.r2[m]),
+                                              "RMSEE " + Fixed(r.rmsee[m], 4),
+                                              "RMSECV " + Fixed(r.rmsecv[m], 4)};
+      os << Figure(
+          ObservedPredicted("Observed and fitted " + d.y_names[m], d.y, r.fitted,
+                            static_cast<int>(m) + 1, d.row_names, d.y_names[m], "Fitted", notes),
+          "Fitted against observed " + Escape(d.y_names[m]) +
+              "; the dashed line is a perfect fit. RMSEE is the error of the fit, RMSECV "
+              "that of cross-validation, both in the units of " +
+              Escape(d.y_names[m]) + ".");
+    }
+    // Most important first; 1 is the customary threshold (the squares average to 1).
+    std::vector<std::size_t> order = NaturalOrder(d.x_names.size());
+    std::stable_sort(order.begin(), order.end(),
+                     [&](std::size_t i, std::size_t j) { return r.vip[i] > r.vip[j]; });
+    os << Figure(
+        VariableBars("Variable importance (VIP)", "VIP", d.x_names, r.vip, order, 1, "VIP 1"),
+        "Variables above 1 matter most to the model of all responses; those well below "
+        "1 could be left out.");
+    for (std::size_t m = 0; m < d.y_names.size() && m < 4; ++m) {
+      std::vector<double> b_m;
+      for (int j = 1; j <= r.scaled_coefficients.SizeRows(); ++j) {
+        b_m.push_back(r.scaled_coefficients[j][static_cast<int>(m) + 1]);
+      }
+      os << Figure(VariableBars("Coefficients for " + d.y_names[m], "Coefficient (scaled)",
+                                d.x_names, b_m, NaturalOrder(d.x_names.size()), 0, ""),
+                   "Regression coefficients of " + Escape(d.y_names[m]) +
+                       " in scaled units, so that variables compare; the table of coefficients "
+                       "in the units of the data is in the text and JSON output.");
     }
   }
-  os << Figure(SummaryBars(r, true), "Cumulative R2Y and Q2 per component.") << "</section>\n";
+  os << DiagnosticsFigures(r.diagnostics, d.row_names, "")
+     << ContributionFigure(r.diagnostics, d.row_names, d.x_names)
+     << Figure(SummaryBars(r, true),
+               "Cumulative R2Y and Q2, and each component's Q2 against the limit it must exceed "
+               "to be kept.")
+     << "</section>\n";
   body_ += os.str();
 }
 
@@ -404,20 +762,33 @@ void Report::AddPredict(const PredictResult& r) {
   std::ostringstream os;
   int skipped = 0;
   for (const bool s : r.scored) skipped += !s;
+  const Diagnostics& d = r.diagnostics;
   os << "<section><h2>Prediction with " << Escape(r.model_path) << "</h2>\n<p>"
      << r.row_names.size() << " observations scored by a "
      << (r.kind == ModelFile::kPCA ? "PCA" : "PLS") << " model of " << r.components
-     << " components fitted on " << Escape(r.model_source) << "; " << skipped
-     << " not scored (more than " << Fixed(100 * r.max_missing, 0) << "% missing).</p>\n";
+     << " components fitted on " << Escape(r.model_source) << " (" << d.training_observations
+     << " observations); " << skipped << " not scored (more than " << Fixed(100 * r.max_missing, 0)
+     << "% missing); " << d.Beyond99().size()
+     << " beyond the 99% limits of T2 or SPE. The limits are those of the training set: T2 in "
+        "the form for new observations, SPE from the training residuals.</p>\n";
   const int b = r.components >= 2 ? 2 : 0;
   os << Figure(ScorePlot("Predicted scores", r.tprim, 1, b, r.row_names, r.classes, r.class_name,
-                         b ? "t1" : "Observation", b ? "t2" : "t1"),
-               "Scores of the new observations.");
+                         b ? "t1" : "Observation", b ? "t2" : "t1", &d),
+               "Scores of the new observations within the training set's 95% and 99% T2 "
+               "ellipses; those outside the 99% one are named.")
+     << DiagnosticsFigures(d, r.row_names, " of the new observations")
+     << ContributionFigure(d, r.row_names, r.x_names);
   if (r.y_observed.SizeRows() > 0) {
     for (std::size_t m = 0; m < r.y_names.size() && m < 4; ++m) {
-      os << Figure(ObservedPredicted("Observed and predicted " + r.y_names[m], r.y_observed,
-                                     r.y_pred, static_cast<int>(m) + 1, r.row_names, r.y_names[m]),
-                   "Predicted against observed " + Escape(r.y_names[m]) + ".");
+      std::vector<std::string> notes;
+      if (m < r.rmsep.size()) {
+        notes = {"RMSEP " + Fixed(r.rmsep[m], 4), "R2 of prediction " + Fixed(r.r2_prediction[m])};
+      }
+      os << Figure(
+          ObservedPredicted("Observed and predicted " + r.y_names[m], r.y_observed, r.y_pred,
+                            static_cast<int>(m) + 1, r.row_names, r.y_names[m], "Predicted", notes),
+          "Predicted against observed " + Escape(r.y_names[m]) +
+              "; RMSEP is the error of prediction in its units.");
     }
   }
   os << "</section>\n";

@@ -164,12 +164,89 @@ void SvgPlot::Bar(double x_lo, double x_hi, double y, const char* colour, const 
         << "</title></rect>\n";
 }
 
+bool SvgPlot::Free(double x0, double y0, double x1, double y1) const {
+  return std::none_of(taken_.begin(), taken_.end(), [&](const std::array<double, 4>& r) {
+    return x0 < r[2] && x1 > r[0] && y0 < r[3] && y1 > r[1];
+  });
+}
+
+namespace {
+double TextWidth(const std::string& text) { return 6.2 * static_cast<double>(text.size()); }
+}  // namespace
+
 void SvgPlot::HLine(double y, const char* colour, const char* dash, const std::string& label) {
-  body_ << "<line x1=\"" << Left() << "\" y1=\"" << Num(Y(y)) << "\" x2=\"" << Right() << "\" y2=\""
-        << Num(Y(y)) << "\" stroke=\"" << colour << "\" stroke-width=\"1.2\""
-        << (*dash ? std::string(" stroke-dasharray=\"") + dash + "\"" : "") << "/>\n"
-        << "<text x=\"" << Right() - 4 << "\" y=\"" << Num(Y(y) - 4) << "\" fill=\"" << colour
+  const double py = Y(y);
+  body_ << "<line x1=\"" << Left() << "\" y1=\"" << Num(py) << "\" x2=\"" << Right() << "\" y2=\""
+        << Num(py) << "\" stroke=\"" << colour << "\" stroke-width=\"1.2\""
+        << (*dash ? std::string(" stroke-dasharray=\"") + dash + "\"" : "") << "/>\n";
+  if (label.empty()) return;
+  // Baselines tried in turn: above the line, below it, then further away on either side.
+  const double w = TextWidth(label), x1 = Right() - 4, x0 = x1 - w;
+  double chosen = py - 4;
+  for (const double base : {py - 4, py + 13, py - 17, py + 26, py - 30, py + 39}) {
+    if (base - 10 < Top() || base > Bottom()) continue;
+    if (Free(x0, base - 10, x1, base + 2)) {
+      chosen = base;
+      break;
+    }
+  }
+  taken_.push_back({x0, chosen - 10, x1, chosen + 2});
+  body_ << "<text x=\"" << Num(x1) << "\" y=\"" << Num(chosen) << "\" fill=\"" << colour
         << "\" font-size=\"11\" text-anchor=\"end\">" << Escape(label) << "</text>\n";
+}
+
+void SvgPlot::VLine(double x, const char* colour, const char* dash, const std::string& label) {
+  const double px = X(x);
+  body_ << "<line x1=\"" << Num(px) << "\" y1=\"" << Top() << "\" x2=\"" << Num(px) << "\" y2=\""
+        << Bottom() << "\" stroke=\"" << colour << "\" stroke-width=\"1.2\""
+        << (*dash ? std::string(" stroke-dasharray=\"") + dash + "\"" : "") << "/>\n";
+  if (label.empty()) return;
+  const double w = TextWidth(label);
+  double chosen = Top() + 14;
+  for (double base = Top() + 14; base < Bottom(); base += 13) {
+    if (Free(px + 4, base - 10, px + 4 + w, base + 2)) {
+      chosen = base;
+      break;
+    }
+  }
+  taken_.push_back({px + 4, chosen - 10, px + 4 + w, chosen + 2});
+  body_ << "<text x=\"" << Num(px + 4) << "\" y=\"" << Num(chosen) << "\" fill=\"" << colour
+        << "\" font-size=\"11\">" << Escape(label) << "</text>\n";
+}
+
+void SvgPlot::Ellipse(double cx, double cy, double rx, double ry, const char* colour,
+                      const char* dash, const std::string& tip) {
+  body_ << "<ellipse cx=\"" << Num(X(cx)) << "\" cy=\"" << Num(Y(cy)) << "\" rx=\""
+        << Num(std::fabs(X(cx + rx) - X(cx))) << "\" ry=\"" << Num(std::fabs(Y(cy + ry) - Y(cy)))
+        << "\" fill=\"none\" stroke=\"" << colour << "\" stroke-width=\"1.2\""
+        << (*dash ? std::string(" stroke-dasharray=\"") + dash + "\"" : "") << "><title>"
+        << Escape(tip) << "</title></ellipse>\n";
+}
+
+void SvgPlot::Reserve(double px, double py, double radius) {
+  taken_.push_back({px - radius, py - radius, px + radius, py + radius});
+}
+
+bool SvgPlot::PlaceLabel(double px, double py, const std::string& text, const char* colour,
+                         bool force) {
+  const double w = TextWidth(text), h = 11;
+  constexpr int kSpots = 6;  // with force, where every spot is taken the last one is used
+  const double offsets[kSpots][2] = {{5, -4},      {5, 11},  {-5 - w, -4},
+                                     {-5 - w, 11}, {5, -15}, {5, 22}};
+  int spot = -1;
+  for (int k = 0; k < kSpots && spot < 0; ++k) {
+    const double x0 = px + offsets[k][0], y0 = py + offsets[k][1] - h;
+    const bool inside = x0 >= Left() && x0 + w <= Right() && y0 >= Top() && y0 + h <= Bottom();
+    if (inside && Free(x0, y0, x0 + w, y0 + h)) spot = k;
+  }
+  if (spot < 0) {
+    if (!force) return false;
+    spot = kSpots - 1;
+  }
+  const double x0 = px + offsets[spot][0], y0 = py + offsets[spot][1] - h;
+  taken_.push_back({x0, y0, x0 + w, y0 + h});
+  TextAt(x0, py + offsets[spot][1], text, colour);
+  return true;
 }
 
 void SvgPlot::TextAt(double px, double py, const std::string& text, const char* colour, int size,

@@ -3,6 +3,7 @@
 #ifndef MVDA_APPS_MVDA_SVG_H_
 #define MVDA_APPS_MVDA_SVG_H_
 
+#include <array>
 #include <sstream>
 #include <string>
 #include <utility>
@@ -51,9 +52,23 @@ class SvgPlot {
                 double width = 1.5);
   void Bar(double x_lo, double x_hi, double y, const char* colour, const std::string& tip,
            double opacity = 1.0);
-  // A horizontal reference line across the plot with its name and value inside the plot, just
-  // above the line at its right end.
+  // A horizontal reference line across the plot with its name and value inside the plot at its
+  // right end: just above the line, or below it where another label already sits there.
   void HLine(double y, const char* colour, const char* dash, const std::string& label);
+  // A vertical reference line with its label just right of it at the top of the plot (or lower
+  // down where that spot is taken).
+  void VLine(double x, const char* colour, const char* dash, const std::string& label);
+  // An ellipse in data coordinates (centre and semi-axes), unfilled.
+  void Ellipse(double cx, double cy, double rx, double ry, const char* colour, const char* dash,
+               const std::string& tip);
+  // A name beside the point at pixel (px, py): right of it, or left, above or below it where
+  // another placed label (or a reference-line label, or a reserved point) already is, always
+  // inside the plot area. Returns false, drawing nothing, when every spot is taken (with force,
+  // the last spot is used anyway).
+  bool PlaceLabel(double px, double py, const std::string& text, const char* colour,
+                  bool force = true);
+  // Keeps later labels off a point (pixel centre and radius), e.g. the other named points.
+  void Reserve(double px, double py, double radius);
   // Text at a pixel position (labels placed by the caller).
   void TextAt(double px, double py, const std::string& text, const char* colour, int size = 11,
               const char* anchor = "start");
@@ -77,6 +92,9 @@ class SvgPlot {
   bool hide_x_ticks_ = false;
   std::vector<std::pair<std::string, std::pair<const char*, bool>>> legend_;
   std::ostringstream body_;
+  // Pixel boxes (x0, y0, x1, y1) of the labels placed so far, which later labels keep clear of.
+  std::vector<std::array<double, 4>> taken_;
+  bool Free(double x0, double y0, double x1, double y1) const;
 };
 
 }  // namespace mvda::cli

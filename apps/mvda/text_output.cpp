@@ -188,12 +188,28 @@ void PrintDendrogram(std::ostream& os, const ClusterResult& r) {
      << (root_scale ? "  (merge height, square-root scale)\n" : "  (merge height)\n");
 }
 
+// Every observation beyond the 99 % limit of T² or of SPE, by name, with the figures that are out.
+void PrintOutliers(std::ostream& os, const Diagnostics& d, const std::vector<std::string>& names) {
+  const double t2_limit = d.T2Limit(0.99), spe_limit = d.SPELimit(0.99);
+  if (t2_limit == -99 && spe_limit == -99) return;
+  const std::vector<std::size_t> out = d.Beyond99();
+  const std::string count =
+      std::to_string(out.size()) + (out.size() == 1 ? " observation" : " observations");
+  os << "\n  Beyond the 99% limits (T2 " << Fixed(t2_limit) << ", SPE " << Fixed(spe_limit)
+     << "): " << (out.empty() ? "none" : count) << "\n";
+  for (const std::size_t i : out) {
+    os << "    " << names[i] << "  T2 " << Fixed(d.t2[i]) << (d.t2[i] > t2_limit ? " *" : "")
+       << "  SPE " << Fixed(d.spe[i]) << (d.spe[i] > spe_limit ? " *" : "") << "\n";
+  }
+}
+
 }  // namespace
 
 void PrintPca(std::ostream& os, const ModelResult& r) {
   PrintHeader(os, "PCA", r);
   PrintComponentTable(os, r, false);
   PrintModelLine(os, r, false);
+  PrintOutliers(os, r.diagnostics, r.data.row_names);
 }
 
 void PrintPls(std::ostream& os, const ModelResult& r) {
@@ -228,6 +244,7 @@ void PrintPls(std::ostream& os, const ModelResult& r) {
       os << Pad(General(r.coefficients[j][m]), 15);
     os << "\n";
   }
+  PrintOutliers(os, r.diagnostics, r.data.row_names);
 }
 
 void PrintPredict(std::ostream& os, const PredictResult& r) {
@@ -261,6 +278,7 @@ void PrintPredict(std::ostream& os, const PredictResult& r) {
        << "% of the model's variables missing (--max-missing): " << skipped.size() << "\n";
     for (const std::string& s : skipped) os << "    " << s << "\n";
   }
+  PrintOutliers(os, r.diagnostics, r.row_names);
 }
 
 void PrintCluster(std::ostream& os, const ClusterResult& r) {

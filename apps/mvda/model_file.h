@@ -15,13 +15,15 @@
 
 namespace mvda::cli {
 
-// Record "MVDAModel", version 1, then a directory:
+// Record "MVDAModel", version 2 (version 1 still reads), then a directory:
 //   0  kind, i32: 1 PCA, 2 PLS
 //   1  X variable names, NCStringVector     2  X scaling, NCScale
 //   3  the model, NCPCA or NCPLS
 //   4  Y variable names (PLS only)          5  Y scaling (PLS only)
 //   6  the scaling option as typed (uv, pareto, ...), string
 //   7  the file the model was fitted on, string
+// and, from version 2 on, a trailer "MVDAsum:" and the MD5 (32 hexadecimal digits) of every
+// byte before it, so that a damaged or edited file is refused rather than used.
 class ModelFile : public UStreamBase {
  public:
   enum Kind : std::int32_t { kPCA = 1, kPLS = 2 };
@@ -48,9 +50,12 @@ class ModelFile : public UStreamBase {
   void UStreamableReset() const override;
 };
 
-// Reads a model file; ToolError naming the file for one that cannot be opened, a file of another
-// kind (a CSV file, a dendrogram cache entry), another version, or a damaged one.
+// Reads a model file, also from a pipe; ToolError naming the file for one that cannot be opened,
+// a file of another kind (a CSV file, a dendrogram cache entry), a newer version, a wrong
+// checksum, a damaged one, values that are not finite or an iteration limit below 1.
 ModelFile LoadModel(const std::string& path);
+// The same for the bytes of a model file; `path` only names them in messages.
+ModelFile ParseModel(const std::string& path, const std::string& bytes);
 
 }  // namespace mvda::cli
 

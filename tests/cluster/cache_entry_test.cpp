@@ -5,6 +5,7 @@
 #include <mvda/cluster/dendrogram_cache.h>
 #include <mvda/cluster/distance_calculators.h>
 #include <mvda/containers/data_matrix.h>
+#include <mvda/platform/error.h>
 #include <mvda/platform/stream_source.h>
 
 #include <atomic>
@@ -17,6 +18,9 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <csignal>
+#include <cstdlib>
+#include <sys/resource.h>
 #include <unistd.h>
 
 namespace {
@@ -177,6 +181,44 @@ TEST_F(CacheEntry, SharedFolderNeverServesAWrongTree) {
   done = true;
   vandal.join();
   EXPECT_EQ(wrong, 0);
+}
+
+// A spill that the disk cannot hold (here a file size limit of 8 KiB) names the folder and the
+// bytes the spill needs, and leaves no file behind.
+TEST_F(CacheEntry, SpillOnAFullDiskNamesTheFolderAndTheBytes) {
+  fs::create_directories(folder_);
+  const char* old_tmpdir = std::getenv("TMPDIR");
+  const std::string saved = old_tmpdir ? old_tmpdir : "";
+  setenv("TMPDIR", folder_.c_str(), 1);
+  rlimit old_limit{};
+  getrlimit(RLIMIT_FSIZE, &old_limit);
+  const rlimit small{8192, old_limit.rlim_max};
+  const auto old_handler = std::signal(SIGXFSZ, SIG_IGN);
+  SetDistanceListMemoryLimit(1000);
+  std::string message;
+  {
+    const NCDataMatrix<float> x = RandomMatrix(6, 100, 2);
+    setrlimit(RLIMIT_FSIZE, &small);
+    SingleLinkageDistanceCalculator single;
+    try {
+      Tree t{GetDendroGram(x, single, nullptr, nullptr)};
+    } catch (const NCError& e) {
+      message = e.what();
+    }
+    setrlimit(RLIMIT_FSIZE, &old_limit);
+  }
+  SetDistanceListMemoryLimit(0);
+  std::signal(SIGXFSZ, old_handler);
+  if (old_tmpdir) {
+    setenv("TMPDIR", saved.c_str(), 1);
+  } else {
+    unsetenv("TMPDIR");
+  }
+  // 100 rows: 4950 distances of 12 bytes, twice.
+  EXPECT_NE(message.find("no room for the distances in the temporary folder " + folder_.string()),
+            std::string::npos) << message;
+  EXPECT_NE(message.find("the spill needs about 118800 bytes there"), std::string::npos) << message;
+  EXPECT_TRUE(fs::is_empty(folder_));
 }
 
 }  // namespace

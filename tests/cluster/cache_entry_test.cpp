@@ -21,6 +21,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <sys/resource.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
@@ -219,6 +220,27 @@ TEST_F(CacheEntry, SpillOnAFullDiskNamesTheFolderAndTheBytes) {
             std::string::npos) << message;
   EXPECT_NE(message.find("the spill needs about 118800 bytes there"), std::string::npos) << message;
   EXPECT_TRUE(fs::is_empty(folder_));
+}
+
+// A writer killed before its rename leaves "<entry>.<pid>.<n>.partial"; the next writer of the
+// entry removes it once that process has ended, and leaves a live writer's file alone.
+TEST_F(CacheEntry, WriterRemovesPartialFilesOfEndedProcesses) {
+  const NCDataMatrix<float> x = RandomMatrix(7, 10, 2);
+  CountingWard calc;
+  const std::string entry = "Dendro_10_2_" + DendroGramCacheKey(x, calc);
+  const pid_t ended = fork();
+  if (ended == 0) _exit(0);
+  waitpid(ended, nullptr, 0);
+  fs::create_directories(folder_);
+  const std::string stale = entry + "." + std::to_string(ended) + ".77.partial";
+  const std::string live = entry + "." + std::to_string(getpid()) + ".78.partial";
+  Put(folder_ / stale, "half");
+  Put(folder_ / live, "being written");
+  TwFolderStreamSource cache(folder_);
+  Tree t{GetDendroGram(x, calc, nullptr, &cache)};
+  EXPECT_FALSE(fs::exists(folder_ / stale));
+  EXPECT_TRUE(fs::exists(folder_ / live));
+  EXPECT_TRUE(fs::exists(folder_ / entry));
 }
 
 }  // namespace

@@ -230,4 +230,51 @@ TEST(BadInput, DamagedModelFilesAreRefusedAndPipesRead) {
   EXPECT_EQ(without_path(stdin_run.out), without_path(direct.out));
 }
 
+// Every command given a hostile CSV: one line on stderr that names the file, exit code 2, nothing
+// on stdout, no file written, whatever the command.
+TEST(BadInput, HostileCsvFilesGiveOneLineForEveryCommand) {
+  ScratchDir dir("hostile");
+  std::string wide = "a";
+  for (int j = 1; j < 1000000; ++j) wide += ",v" + std::to_string(j);
+  const std::vector<std::pair<std::string, std::string>> files = {
+      {"empty.csv", ""},
+      {"header_only.csv", "a,b,c\r\n"},
+      {"ragged.csv", "a,b\n1,2\n3\n"},
+      {"binary.csv", std::string("a,b\n\x7f" "ELF\x02\x01\x01\0\0\0", 14)},
+      {"nan.csv", "a,b\n1,NaN\n2,3\n4,5\n"},
+      {"inf.csv", "a,b\n1,-inf\n2,3\n4,5\n"},
+      {"huge.csv", "a,b\n1,1e400\n2,3\n4,5\n"},
+      {"tiny.csv", "a,b\n1,1e-400\n2,3\n4,5\n"},
+      {"overflowing.csv", "a,b\n1,3e38\n2,-3e38\n4,5\n"},
+      {"duplicate.csv", "\xEF\xBB\xBFn,a,a\r\nx,1,2\r\ny,2,3\r\nz,4,4\r\n"},
+      {"all_missing.csv", "a,b,c\n1,,2\n2,NA,3\n3,-99,5\n4,,1\n"},
+      {"unclosed.csv", "a,b\n1,\"2\n3,4\n5,6\n"},
+      {"wide.csv", wide + "\n1,2\n"},
+  };
+  for (const auto& [name, text] : files) WriteText(dir / name, text);
+  const std::vector<std::string> before = FilesIn(dir.path());
+  std::vector<std::string> inputs;
+  for (const auto& file : files) inputs.push_back(dir / file.first);
+  inputs.push_back(dir.path().string());  // a folder
+  inputs.push_back("/dev/zero");
+  for (const std::string& input : inputs) {
+    for (const std::vector<std::string>& command :
+         {std::vector<std::string>{"pca", input, "--save", dir / "m.mvda"},
+          std::vector<std::string>{"cluster", input, "--cache", dir / "cache"},
+          std::vector<std::string>{"chart", input, "--column", "b"}}) {
+      // The 10^6-column header costs seconds a run; one command shows it.
+      if (input == dir / "wide.csv" && command[0] != "pca") continue;
+      SCOPED_TRACE(command[0] + " " + input);
+      std::vector<std::string> args = command;
+      args.insert(args.end(), {"--report", dir / "r.html"});
+      const ToolRun run = RunTool(args, 60);
+      EXPECT_EQ(run.exit_code, 2) << run.err;
+      EXPECT_EQ(run.out, "");
+      EXPECT_EQ(run.err.rfind("mvda: " + input, 0), 0u) << run.err;
+      EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 1) << run.err;
+      EXPECT_EQ(FilesIn(dir.path()), before);
+    }
+  }
+}
+
 }  // namespace

@@ -52,6 +52,22 @@ inline bool RoundTrip(const UStreamBase& object, UStreamBase& again) {
   return StreamIn(again, is);
 }
 
+// The bytes an object writes.
+inline std::string Bytes(const UStreamBase& object) {
+  std::ostringstream os;
+  Require(StreamOut(object, os), "an object read cannot be written");
+  return os.str();
+}
+
+// For an object read from outside: it writes, reads back into `again`, and `again` writes the
+// same bytes (reading loses nothing the writer keeps, and invents nothing).
+inline void RequireStableRoundTrip(const UStreamBase& object, UStreamBase& again) {
+  const std::string first = Bytes(object);
+  std::istringstream is(first);
+  Require(StreamIn(again, is), "what an object wrote does not read back");
+  Require(Bytes(again) == first, "an object read back writes other bytes");
+}
+
 }  // namespace fuzz
 
 #endif  // MVDA_FUZZ_FUZZ_INPUT_H_

@@ -49,6 +49,6 @@ done
 fuzz_dir=build/fuzz
 CC=clang CXX=clang++ cmake -S . -B "$fuzz_dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
   -DMVDA_SANITIZE=ON -DMVDA_WERROR=ON -DMVDA_BUILD_FUZZERS=ON -DMVDA_BUILD_TESTS=OFF \
-  -DMVDA_BUILD_APPS=OFF >/dev/null
+  -DMVDA_BUILD_APPS=ON >/dev/null  # the tool's CSV and model file readers are fuzzed too
 cmake --build "$fuzz_dir" -j "$jobs"
 (cd "$fuzz_dir" && ctest --output-on-failure)

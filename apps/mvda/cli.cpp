@@ -12,6 +12,7 @@
 
 #include "commands.h"
 #include "console.h"
+#include "csv_table.h"
 #include "fit_common.h"
 #include "tool_error.h"
 
@@ -84,7 +85,22 @@ void PlaceOutputs(const std::string& out_dir,
   }
 }
 
+// How CSV files are read; every command that reads one takes these (csv_table.h).
+void AddCsvDialect(CLI::App* app) {
+  CsvDialect& d = CsvDefaults();
+  app->add_option_function<std::string>(
+         "--sep", [&d](const std::string& s) { d.separator = s == "tab" ? '\t' : s[0]; },
+         "CSV separator (default: detected)")
+      ->check(CLI::IsMember({",", ";", "tab"}));
+  app->add_option_function<std::string>(
+         "--decimal", [&d](const std::string& s) { d.decimal = s[0]; },
+         "Decimal mark of the CSV numbers (default: detected)")
+      ->check(CLI::IsMember({".", ","}));
+  app->add_flag_callback("--verbose", [&d] { d.verbose = true; }, "Say how each CSV was read");
+}
+
 void AddOutputs(CLI::App* app, Outputs& out) {
+  AddCsvDialect(app);
   app->add_flag("--json", out.json, "Print the results as JSON instead of tables");
   app->add_option("--report", out.report, "Write an HTML report with pictures to this file")
       ->check(kInExistingFolder);

@@ -5,10 +5,15 @@
 #include <mvda/platform/error.h>
 #include <mvda/platform/stream_directory.h>
 
+#include <mvda/platform/md5.h>
+
 #include <cerrno>
 #include <cmath>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
+#include <sstream>
+#include <vector>
 
 #include "tool_error.h"
 
@@ -44,6 +49,13 @@ bool DeriveDiagnostics(ModelFile& m) {
 
 bool FiniteAtLeast(double v, double low) { return std::isfinite(v) && v >= low; }
 
+// Version 2 ends in a checksum trailer: kSumTag and the 32 hexadecimal digits of the MD5 of every
+// byte before it. Version 1 files (no trailer) still read.
+constexpr char kSumTag[] = "MVDAsum:";
+constexpr std::size_t kTrailerSize = sizeof kSumTag - 1 + 32;
+// Far above any model of real data; a longer file or pipe is refused before it fills the memory.
+constexpr std::size_t kMaxModelBytes = std::size_t{1} << 28;
+
 // A model whose parts do not fit together would only fail later, deep inside a prediction.
 bool Consistent(const ModelFile& m) {
   const int k = m.x_names.Size();
@@ -67,8 +79,17 @@ UStreamableData ModelFile::MyStreamableData("MVDAModel", kVersion);
 
 bool ModelFile::UStreamableStartWrite(std::ostream& os) const {
   if (!MarkUStreamWritten(MyStreamableData)) return true;
-  return MyStreamableData.Write(os) && UStreamBase::UStreamableStartWrite(os) &&
-         ModelFile::UStreamableWrite(os);
+  // The whole record first, so that its checksum can follow it.
+  std::ostringstream body;
+  if (!(MyStreamableData.Write(body) && UStreamBase::UStreamableStartWrite(body) &&
+        ModelFile::UStreamableWrite(body))) {
+    return false;
+  }
+  const std::string bytes = std::move(body).str();
+  MD5 sum;
+  sum.Update(bytes);
+  os << bytes << kSumTag << sum.HexDigest();
+  return static_cast<bool>(os);
 }
 
 bool ModelFile::UStreamableWrite(std::ostream& os) const {
@@ -146,27 +167,112 @@ void ModelFile::UStreamableReset() const {
   }
 }
 
-ModelFile LoadModel(const std::string& path) {
+namespace {
+
+bool AllFinite(const NCDataMatrix<float>* m) {
+  if (m == nullptr) return true;
+  for (int i = 1; i <= m->SizeRows(); ++i) {
+    for (int j = 1; j <= m->SizeColumns(); ++j) {
+      if (!std::isfinite((*m)[i][j])) return false;
+    }
+  }
+  return true;
+}
+
+bool AllFinite(const NCDataVector<float>& v) {
+  for (int j = 1; j <= v.Size(); ++j) {
+    if (!std::isfinite(v[j])) return false;
+  }
+  return true;
+}
+
+// What the stream layer cannot know: values a prediction would turn into silent gaps, and
+// settings a later fit step would fail on with a message that names no file.
+void CheckValues(const ModelFile& m, const std::string& path) {
+  const auto refuse = [&path](const std::string& what) {
+    throw ToolError(path + ": " + what + "; the model file is damaged");
+  };
+  if (!AllFinite(m.x_scale.GetMean()) || !AllFinite(m.x_scale.GetScale()))
+    refuse("the X scaling holds a value that is not finite");
+  if (m.kind == ModelFile::kPCA) {
+    if (!AllFinite(m.pca.GetPprim()) || !AllFinite(m.pca.GetTprim()))
+      refuse("the PCA loadings or scores hold a value that is not finite");
+    if (m.pca.GetMaxIterations() < 1)
+      refuse("the iteration limit is " + std::to_string(m.pca.GetMaxIterations()));
+    return;
+  }
+  if (!AllFinite(m.y_scale.GetMean()) || !AllFinite(m.y_scale.GetScale()))
+    refuse("the Y scaling holds a value that is not finite");
+  if (!AllFinite(m.pls.GetPprim()) || !AllFinite(m.pls.GetWprim()) ||
+      !AllFinite(m.pls.GetCprim()) || !AllFinite(m.pls.GetTprim()))
+    refuse("the PLS weights, loadings or scores hold a value that is not finite");
+  if (m.pls.GetMaxIterations() < 1)
+    refuse("the iteration limit is " + std::to_string(m.pls.GetMaxIterations()));
+}
+
+// The whole file, also from a pipe (predict <(cat m.mvda), /dev/stdin, a FIFO), which cannot
+// seek back; bounded so that /dev/zero or a huge file is refused rather than read.
+std::string ReadModelBytes(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   if (!in) throw ToolError(path + ": cannot open: " + std::strerror(errno));
+  std::error_code ignored;
+  if (std::filesystem::is_directory(path, ignored))
+    throw ToolError(path + ": is a folder, not a model file");
+  std::string bytes;
+  std::vector<char> chunk(1 << 16);
+  while (in.read(chunk.data(), static_cast<std::streamsize>(chunk.size())) || in.gcount() > 0) {
+    bytes.append(chunk.data(), static_cast<std::size_t>(in.gcount()));
+    if (bytes.size() > kMaxModelBytes) {
+      throw ToolError(path + ": larger than " + std::to_string(kMaxModelBytes >> 20) +
+                      " MiB: not an mvda model file");
+    }
+  }
+  if (in.bad()) throw ToolError(path + ": cannot read: " + std::strerror(errno));
+  return bytes;
+}
+
+}  // namespace
+
+ModelFile ParseModel(const std::string& path, const std::string& bytes) {
   // The record alone first, so that a file of another kind is named as such and not as damaged.
+  std::int32_t version = 0;
   {
+    std::istringstream in(bytes);
     UStreamableData probe(ModelFile::MyStreamableData.GetMagic(), kVersion);
-    std::int32_t version = 0;
     if (!probe.Check(in, &version)) {
       throw ToolError(path + ": not an mvda model file (save one with pca or pls --save)");
     }
-    if (!Readable(version)) {
-      throw ToolError(path + ": model file version " + std::to_string(version) +
-                      ", this tool reads versions " + std::to_string(kOldestVersion) + " to " +
-                      std::to_string(kVersion));
-    }
-    in.clear();
-    in.seekg(0);
   }
+  if (version > kVersion) {
+    throw ToolError(path + ": model file version " + std::to_string(version) +
+                    " is newer than this tool, which reads versions 1 to " +
+                    std::to_string(kVersion));
+  }
+  if (version < 1) {
+    throw ToolError(path + ": model file version " + std::to_string(version) + " is not valid");
+  }
+  std::size_t content = bytes.size();
+  if (version >= 2) {
+    const std::size_t tag = sizeof kSumTag - 1;
+    if (bytes.size() < kTrailerSize ||
+        bytes.compare(bytes.size() - kTrailerSize, tag, kSumTag) != 0) {
+      throw ToolError(path + ": the model file is truncated (its checksum is missing)");
+    }
+    content = bytes.size() - kTrailerSize;
+    MD5 sum;
+    sum.Update(bytes.data(), content);
+    if (bytes.compare(content + tag, 32, sum.HexDigest()) != 0) {
+      throw ToolError(path + ": the checksum does not match: the model file is damaged or was "
+                             "edited");
+    }
+  }
+  std::istringstream in(bytes.substr(0, content));
   ModelFile model;
   if (!StreamIn(model, in)) throw ToolError(path + ": the model file is damaged or truncated");
+  CheckValues(model, path);
   return model;
 }
+
+ModelFile LoadModel(const std::string& path) { return ParseModel(path, ReadModelBytes(path)); }
 
 }  // namespace mvda::cli

@@ -17,7 +17,7 @@
 
 namespace mvda::cli {
 
-// Record "MVDAModel", version 2, then a directory:
+// Record "MVDAModel", version 2 (version 1 still reads), then a directory:
 //   0  kind, i32: 1 PCA, 2 PLS
 //   1  X variable names, NCStringVector     2  X scaling, NCScale
 //   3  the model, NCPCA or NCPLS
@@ -28,6 +28,8 @@ namespace mvda::cli {
 //  10  training SPE mean and variance, 2 f64, and the count of values behind them, i32
 // Version 1 files lack 8-10; reading one derives them from the training scores and residuals the
 // model keeps.
+// From version 2 on the file ends in a trailer "MVDAsum:" and the MD5 (32 hexadecimal digits) of every
+// byte before it, so that a damaged or edited file is refused rather than used.
 class ModelFile : public UStreamBase {
  public:
   enum Kind : std::int32_t { kPCA = 1, kPLS = 2 };
@@ -61,9 +63,12 @@ class ModelFile : public UStreamBase {
   std::int32_t read_version_ = 0;  // of the file being read
 };
 
-// Reads a model file; ToolError naming the file for one that cannot be opened, a file of another
-// kind (a CSV file, a dendrogram cache entry), another version, or a damaged one.
+// Reads a model file, also from a pipe; ToolError naming the file for one that cannot be opened,
+// a file of another kind (a CSV file, a dendrogram cache entry), a newer version, a wrong
+// checksum, a damaged one, values that are not finite or an iteration limit below 1.
 ModelFile LoadModel(const std::string& path);
+// The same for the bytes of a model file; `path` only names them in messages.
+ModelFile ParseModel(const std::string& path, const std::string& bytes);
 
 }  // namespace mvda::cli
 

@@ -3,7 +3,7 @@
 #ifndef MVDA_APPS_MVDA_OUTPUT_FILES_H_
 #define MVDA_APPS_MVDA_OUTPUT_FILES_H_
 
-#include <fstream>
+#include <sstream>
 #include <memory>
 #include <string>
 #include <vector>
@@ -12,8 +12,12 @@ namespace mvda::cli {
 
 // A failed run, or one stopped with Ctrl-C, must not leave a half-written model or report that a
 // later step would take for a good one. So every file is first written beside its destination
-// under a temporary name, and CommitAll renames them all once everything has been written. The
-// destructor removes whatever was not committed.
+// under a temporary name "<destination>.tmp-<pid>", and CommitAll writes them out, flushes them
+// to the disk (fsync) and renames them all once everything has been written; a killed run leaves
+// the old file or the complete new one. The destructor removes whatever was not committed, and
+// Open removes temporary files of the same destination left by processes that no longer run
+// (kill -9). A full disk, a file size limit or a read-only folder gives one ToolError that names
+// the folder, and no temporary file is left.
 class OutputFiles {
  public:
   OutputFiles() = default;
@@ -35,7 +39,8 @@ class OutputFiles {
   struct File {
     std::string path;
     std::string temporary;
-    std::ofstream stream;
+    int fd = -1;                // the temporary file, created by Open
+    std::ostringstream stream;  // its contents, written out by CommitAll
   };
   std::vector<std::unique_ptr<File>> files_;
 };

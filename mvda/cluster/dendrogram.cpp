@@ -1,6 +1,7 @@
 // DendroGram::GetDendroGram (agglomeration, the missing-value admission check, the cache) and
 // DendroGram::CreateMergeData.
 #include <mvda/cluster/dendrogram.h>
+#include <mvda/cluster/dendrogram_cache.h>
 #include <mvda/cluster/detail/pair_distances.h>
 #include <mvda/cluster/distance_calculators.h>
 #include <mvda/platform/error.h>
@@ -15,6 +16,7 @@
 #include <memory>
 #include <ostream>
 #include <queue>
+#include <sstream>
 #include <string>
 #include <unordered_map>
 #include <utility>
@@ -67,15 +69,6 @@ void CheckMissingValues(const NCDataMatrix<float>& data) {
   }
 }
 
-std::string CacheName(const NCDataMatrix<float>& data, const ClusterDistanceCalculator& calc) {
-  MD5 digest;
-  for (int i = 1; i <= data.SizeRows(); ++i)
-    digest.Update(data[i].begin(), sizeof(float) * static_cast<std::size_t>(data.SizeColumns()));
-  digest.Update(calc.GetId());
-  return "Dendro_" + std::to_string(data.SizeRows()) + "_" + std::to_string(data.SizeColumns()) +
-         "_" + digest.HexDigest();
-}
-
 // A cached tree is used only when it has one leaf per row, each holding one row 1..N once.
 bool FitsData(const DendroGramNode& root, int rows) {
   if (root.SizeLeafs() != static_cast<unsigned>(rows)) return false;
@@ -93,27 +86,32 @@ bool FitsData(const DendroGramNode& root, int rows) {
   return true;
 }
 
-DendroGramNode* ReadCached(TwStreamSource& cache, const std::string& name, int rows) {
-  std::unique_ptr<std::istream> is = cache.OpenInputStream(name);
-  if (!is) return nullptr;
-  DendroGramNode* root = new DendroGramNode();
-  bool ok = false;
-  try {
-    ok = StreamIn(*root, *is) && FitsData(*root, rows);
-  } catch (const std::exception&) {
-    ok = false;  // an unreadable entry is computed again and replaced
-  }
-  if (!ok) {
-    root->Destroy();
-    return nullptr;
-  }
-  return root;
+constexpr char kEntryHead[] = "MVDADendroCache 1\n";
+constexpr std::size_t kHeadSize = sizeof kEntryHead - 1;
+constexpr std::size_t kPreambleSize = kHeadSize + 32 + 32 + 1;
+
+std::string CacheName(const std::string& key, const NCDataMatrix<float>& data) {
+  return "Dendro_" + std::to_string(data.SizeRows()) + "_" + std::to_string(data.SizeColumns()) +
+         "_" + key;
 }
 
-// The cache only saves time: a tree that cannot be stored is still returned.
-void WriteCached(TwStreamSource& cache, const std::string& name, const DendroGramNode& root) {
+DendroGramNode* ReadCached(TwStreamSource& cache, const std::string& key,
+                           const NCDataMatrix<float>& data) {
   try {
-    if (std::unique_ptr<std::ostream> os = cache.OpenOutputStream(name)) StreamOut(root, *os);
+    std::unique_ptr<std::istream> is = cache.OpenInputStream(CacheName(key, data));
+    return is ? ReadDendroGramCacheEntry(*is, key, data.SizeRows()) : nullptr;
+  } catch (const std::exception&) {
+    return nullptr;  // an unreadable entry is computed again and replaced
+  }
+}
+
+// The cache only saves time: a tree that cannot be stored is still returned. The folder source
+// writes to a temporary file renamed over the entry, so a reader sees the old entry or the new.
+void WriteCached(TwStreamSource& cache, const std::string& key, const NCDataMatrix<float>& data,
+                 const DendroGramNode& root) {
+  try {
+    if (std::unique_ptr<std::ostream> os = cache.OpenOutputStream(CacheName(key, data)))
+      WriteDendroGramCacheEntry(root, key, *os);
   } catch (const std::exception&) {
   }
 }
@@ -140,15 +138,66 @@ class NodeList {
 
 }  // namespace
 
+std::string DendroGramCacheKey(const NCDataMatrix<float>& data,
+                               const ClusterDistanceCalculator& calc) {
+  MD5 digest;
+  for (int i = 1; i <= data.SizeRows(); ++i)
+    digest.Update(data[i].begin(), sizeof(float) * static_cast<std::size_t>(data.SizeColumns()));
+  digest.Update(calc.GetId());
+  return digest.HexDigest();
+}
+
+bool WriteDendroGramCacheEntry(const DendroGramNode& root, const std::string& key,
+                               std::ostream& os) {
+  std::ostringstream tree;
+  if (!StreamOut(root, tree)) return false;
+  const std::string bytes = std::move(tree).str();
+  MD5 sum;
+  sum.Update(bytes);
+  os << kEntryHead << key << sum.HexDigest() << '\n' << bytes;
+  return static_cast<bool>(os);
+}
+
+DendroGramNode* ReadDendroGramCacheEntry(std::istream& is, const std::string& key, int rows) {
+  if (rows < 1 || key.size() != 32) return nullptr;
+  // A tree of N leaves takes about 35 bytes a leaf; anything far longer is not one.
+  const std::size_t limit = kPreambleSize + 4096 + 256 * static_cast<std::size_t>(rows);
+  std::string bytes;
+  char chunk[16384];
+  while (bytes.size() <= limit && (is.read(chunk, sizeof chunk) || is.gcount() > 0))
+    bytes.append(chunk, static_cast<std::size_t>(is.gcount()));
+  if (bytes.size() > limit || bytes.size() < kPreambleSize ||
+      bytes.compare(0, kHeadSize, kEntryHead) != 0 || bytes.compare(kHeadSize, 32, key) != 0 ||
+      bytes[kPreambleSize - 1] != '\n')
+    return nullptr;
+  MD5 sum;
+  sum.Update(bytes.data() + kPreambleSize, bytes.size() - kPreambleSize);
+  if (bytes.compare(kHeadSize + 32, 32, sum.HexDigest()) != 0) return nullptr;
+  std::istringstream tree(bytes.substr(kPreambleSize));
+  auto* root = new DendroGramNode();
+  bool ok = false;
+  try {
+    ok = StreamIn(*root, tree) && tree.peek() == std::char_traits<char>::eof() &&
+         FitsData(*root, rows);
+  } catch (const std::exception&) {
+    ok = false;
+  }
+  if (!ok) {
+    root->Destroy();
+    return nullptr;
+  }
+  return root;
+}
+
 DendroGramNode* GetDendroGram(const NCDataMatrix<float>& data, ClusterDistanceCalculator& calc,
                               NCProgress* progress, TwStreamSource* cache) {
   const NCDataMatrix<float> x(data);  // shares the rows; the caller's later writes unshare them
   CheckShape(x);
   const int rows = x.SizeRows();
-  std::string name;
+  std::string key;
   if (cache) {
-    name = CacheName(x, calc);
-    if (DendroGramNode* cached = ReadCached(*cache, name, rows)) return cached;
+    key = DendroGramCacheKey(x, calc);
+    if (DendroGramNode* cached = ReadCached(*cache, key, x)) return cached;
   }
   if (progress) {
     progress->SetRange(0, 10);
@@ -188,7 +237,7 @@ DendroGramNode* GetDendroGram(const NCDataMatrix<float>& data, ClusterDistanceCa
   }
   if (progress) progress->PopSubRange();
   nodes.front()->SortBySize();
-  if (cache) WriteCached(*cache, name, *nodes.front());
+  if (cache) WriteCached(*cache, key, x, *nodes.front());
   return list.Release();
 }
 

@@ -8,6 +8,7 @@
 #include <mvda/platform/temp_file.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <cmath>
 #include <cstdio>
 #include <fstream>
@@ -48,13 +49,18 @@ std::istream& Rewind(MegaDistances::TempFile& file) {
   return stream;
 }
 
-[[noreturn]] void ThrowWriteError(const MegaDistances::TempFile& file) {
-  throw NCError("MegaDistances: writing to the temporary file " + file.file->GetPath().string() +
-                " failed (is the disk full?)");
+// The folder, and what the spill needs there: the distances are written once and then split
+// into bands, so two copies of 12 bytes a distance are on the disk at the peak.
+[[noreturn]] void ThrowWriteError(const MegaDistances::TempFile& file, std::uint64_t distances) {
+  const std::filesystem::path path = file.file->GetPath();
+  throw NCError("Cluster analysis: no room for the distances in the temporary folder " +
+                path.parent_path().string() + " (writing " + path.filename().string() +
+                " failed; the spill needs about " + std::to_string(2 * 12 * distances) +
+                " bytes there; is the disk full or the folder read-only?)");
 }
 
-void Flush(const MegaDistances::TempFile& file) {
-  if (!file.file->Stream().flush()) ThrowWriteError(file);
+void Flush(const MegaDistances::TempFile& file, std::uint64_t distances) {
+  if (!file.file->Stream().flush()) ThrowWriteError(file, distances);
 }
 
 MegaDistances::TempFile NewFile() {
@@ -95,7 +101,7 @@ void MegaDistances::SaveDistances(const Producer& produce) {
         static_cast<std::size_t>(std::min<std::uint64_t>(capacity_, total_ - first));
     segment_.resize(count);
     produce(first, count, segment_.data());
-    if (!WriteRecords(segment_.data(), count, os)) ThrowWriteError(file);
+    if (!WriteRecords(segment_.data(), count, os)) ThrowWriteError(file, total_);
     for (const DistanceAndIndex& record : segment_) {
       file.largest = std::max(file.largest, record.distance);
       ++file.count;
@@ -110,7 +116,7 @@ void MegaDistances::SaveDistances(const Producer& produce) {
     first += count;
   }
   segment_.clear();
-  Flush(file);
+  Flush(file, total_);
   file.upper = {file.largest, kTop, kTop};
 }
 
@@ -153,7 +159,7 @@ std::list<MegaDistances::TempFile> MegaDistances::Distribute(
   std::vector<std::vector<DistanceAndIndex>> pending(limits.size());
   const auto write = [&](std::size_t b) {
     if (!WriteRecords(pending[b].data(), pending[b].size(), bands[b].file->Stream()))
-      ThrowWriteError(bands[b]);
+      ThrowWriteError(bands[b], total_);
     pending[b].clear();
   };
   TempFile reading = source;
@@ -193,7 +199,7 @@ std::list<MegaDistances::TempFile> MegaDistances::Distribute(
   std::list<TempFile> filled;
   for (TempFile& band : bands) {
     if (!band.file) continue;
-    Flush(band);
+    Flush(band, total_);
     filled.push_back(std::move(band));
   }
   return filled;

@@ -15,6 +15,7 @@ using mvda::cli::ReadCsv;
 using mvda::cli::ToolError;
 
 constexpr float kM = -99.0f;
+using namespace std::string_literals;
 
 TEST(CsvTable, ReadsNamesNumbersAndMissingCells) {
   struct Case {
@@ -88,7 +89,7 @@ TEST(CsvTable, ReadsNamesNumbersAndMissingCells) {
 TEST(CsvTable, RefusesWhatIsNotData) {
   struct Case {
     const char* name;
-    const char* text;
+    std::string text;  // may hold NUL bytes
     const char* message;  // after the file path
   };
   const Case cases[] = {
@@ -105,7 +106,32 @@ TEST(CsvTable, RefusesWhatIsNotData) {
       {"decimal comma", "n,a\nx,\"1,5\"\n",
        ":2:2: cell '1,5' in column 'a' is not a number (missing values are empty, NA or -99)"},
       {"beyond float", "a\n1e39\n",
-       ":2:1: cell '1e39' in column 'a' is beyond single precision (about 3.4e38)"},
+       ":2:1: cell '1e39' in column 'a' is too large for single precision (beyond about 3.4e38)"},
+      {"beyond double is still too large", "a\n-1e400\n",
+       ":2:1: cell '-1e400' in column 'a' is too large for single precision (beyond about 3.4e38)"},
+      {"below double is too small, not too large", "a,b\n1,1e-400\n",
+       ":2:2: cell '1e-400' in column 'b' is too small for single precision (it would read as 0)"},
+      {"below float", "a\n0.00000000000000000000000000000000000000000000000001\n",
+       ":2:1: cell '0.00000000000000000000000000000000000000...' in column 'a' is too small for "
+       "single precision (it would read as 0)"},
+      // 1e19 squared four times is 4e38: the fourth value is the one the sums cannot hold.
+      {"sum of squares beyond float", "a,b\n1,1e19\n2,1e19\n3,-1e19\n4,1e19\n",
+       ":5:2: cell '1e19' in column 'b' makes the sum of squares of the column exceed single "
+       "precision (about 3.4e38); rescale the column"},
+      {"quote never closed, blamed where it opens", "a,b\n1,\"2\n3,4\n5,6\n",
+       ":2:2: a quoted cell starts here and is never closed"},
+      {"stray quote", "a,b,c\n1,2,3\n4,5\"x,6\n",
+       ":3:2: a quote inside an unquoted cell or text after a closing quote (quote the whole "
+       "cell and double the quotes in it)"},
+      {"lines ended by CR alone", "a,b\r1,2\r3,x\r", ":3:2: cell 'x' in column 'b' is not a number "
+       "(missing values are empty, NA or -99)"},
+      {"binary", "a,b\n1,2\n3,\x01\x02\0\x05\n"s, ":3:5: a NUL byte; this is not a text file"},
+      {"UTF-16", "\xFF\xFE" "a\0"s, ": UTF-16 text; save the file as UTF-8 (or plain) CSV"},
+      {"escape codes in a name are shown escaped", "a,\x1b[2J,\x1b[2J\n1,2,3\n",
+       ":1:3: column name '\\x1b[2J' appears twice"},
+      {"decimal point in a decimal-comma file", "a;b\n1,5;2\n2,5;2.5\n",
+       ":3:2: cell '2.5' in column 'b' has a decimal point, but this file uses decimal commas "
+       "(see --decimal)"},
       {"repeated name", "n,a,a\nx,1,2\n", ":1:3: column name 'a' appears twice"},
   };
   ScratchDir dir("csv_bad");
@@ -121,6 +147,48 @@ TEST(CsvTable, RefusesWhatIsNotData) {
     }
   }
   EXPECT_THROW(ReadCsv(dir / "absent.csv"), ToolError);
+  // A device never ends; a folder is no file.
+  for (const std::string& not_a_file : {std::string("/dev/zero"), dir.path().string()}) {
+    EXPECT_THROW(ReadCsv(not_a_file), ToolError) << not_a_file;
+  }
+}
+
+// What spreadsheets export: the separator and decimal mark are found, or forced, and quoted
+// cells with separators, doubled quotes and non-ASCII text come through as written.
+TEST(CsvTable, DetectsSeparatorAndDecimalMark) {
+  using mvda::cli::CsvDialect;
+  struct Case {
+    const char* name;
+    const char* text;
+    CsvDialect forced;
+    std::vector<std::string> columns;
+    std::vector<float> values;
+    const char* dialect;
+  };
+  const Case cases[] = {
+      {"semicolons and decimal commas", "n;a;b\nx;1,5;-2\ny;3;4,25E1\n", {}, {"a", "b"},
+       {1.5f, -2, 3, 42.5f}, "separator ';' (detected), decimal comma (detected)"},
+      {"tabs, and blanks inside a name", "n\tmy a\tb\nx\t1.5\t 2 \n", {}, {"my a", "b"},
+       {1.5f, 2}, "separator tab (detected), decimal point (detected)"},
+      {"more commas than semicolons in a comma file", "a,b;c,d\n1,2,3\n", {}, {"a", "b;c", "d"},
+       {1, 2, 3}, "separator ',' (detected), decimal point (detected)"},
+      {"Excel quoting and UTF-8 names", "\"Gr\xC3\xB6\xC3\x9F\xC3\xA9\";\"say \"\"hi\"\"; ok\"\n\"3,5\";7\n",
+       {}, {"Gr\xC3\xB6\xC3\x9F\xC3\xA9", "say \"hi\"; ok"}, {3.5f, 7},
+       "separator ';' (detected), decimal comma (detected)"},
+      {"forced: a comma file with quoted decimal commas", "a,b\n\"1,5\",2\n", {',', ',', false},
+       {"a", "b"}, {1.5f, 2}, "separator ',', decimal comma"},
+      {"forced semicolon over a detected comma", "a;b,c\n1;2\n", {';', 0, false}, {"a", "b,c"},
+       {1, 2}, "separator ';', decimal point (detected)"},
+  };
+  ScratchDir dir("csv_dialect");
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    WriteText(dir / "t.csv", c.text);
+    const CsvTable t = ReadCsv(dir / "t.csv", {}, c.forced);
+    EXPECT_EQ(t.columns, c.columns);
+    EXPECT_EQ(t.values, c.values);
+    EXPECT_EQ(t.dialect, c.dialect);
+  }
 }
 
 TEST(CsvTable, QuotesOnlyFieldsThatNeedIt) {

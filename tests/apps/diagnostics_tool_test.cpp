@@ -416,9 +416,17 @@ TEST(ToolDiagnostics, VersionOneModelFilesStillPredict) {
       ExpectRelative(old["spe"][i], fresh["spe"][i].get<double>(), 1e-4,
                      "SPE " + std::to_string(i));
     }
+    // The fixture was fitted by an earlier build; fits of complete data now run on the Gram
+    // matrix, which agrees to float precision, not to the bit.
     if (fresh.contains("predicted")) {
-      EXPECT_EQ(old["predicted"], fresh["predicted"]);
-      EXPECT_EQ(old["rmsep"], fresh["rmsep"]);
+      for (const auto& [name, values] : fresh["predicted"].items()) {
+        ASSERT_EQ(old["predicted"][name].size(), values.size());
+        for (std::size_t i = 0; i < values.size(); ++i) {
+          ExpectRelative(old["predicted"][name][i], values[i].get<double>(), 1e-5,
+                         name + " " + std::to_string(i));
+        }
+        ExpectRelative(old["rmsep"][name], fresh["rmsep"][name].get<double>(), 1e-5, "RMSEP");
+      }
     }
   }
 }

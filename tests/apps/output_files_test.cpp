@@ -101,8 +101,9 @@ TEST(OutputFiles, KilledRunLeavesTheOldOrTheCompleteNewFile) {
   ScratchDir dir("killed");
   const std::string wine = DataDir() + "/wine.csv";
   const std::string model = dir / "m.mvda", scores = dir / "s.csv";
-  const std::vector<std::string> args = {"--threads", "1",      "pca",  wine,       "--save",
-                                         model,       "--scores", scores, "--report", dir / "r.html"};
+  const std::vector<std::string> args = {"--threads", "1",           "pca",      wine,
+                                         "--save",    model,         "--scores", scores,
+                                         "--report",  dir / "r.html"};
   // The complete new files, and how long a whole run takes.
   const auto start = std::chrono::steady_clock::now();
   ASSERT_EQ(RunTool(args).exit_code, 0);
@@ -111,8 +112,8 @@ TEST(OutputFiles, KilledRunLeavesTheOldOrTheCompleteNewFile) {
   ASSERT_GT(new_model.size(), 1000u);
 
   std::mt19937 random(11);
-  std::uniform_int_distribution<long> at(0, std::chrono::duration_cast<std::chrono::microseconds>(
-                                                whole * 1.3).count());
+  std::uniform_int_distribution<long> at(
+      0, std::chrono::duration_cast<std::chrono::microseconds>(whole * 1.3).count());
   int old_seen = 0, new_seen = 0;
   for (int round = 0; round < 30; ++round) {
     WriteText(model, "the previous model");
@@ -145,11 +146,11 @@ TEST(OutputFiles, FullDiskAndReadOnlyFolderNameTheFolderAndLeaveNothing) {
   WriteText(report, "the previous report");
 
   // A file size limit far below the report's size.
-  const ToolRun limited =
-      RunWithFileSizeLimit({"pca", wine, "--report", report}, 8192, dir / "stderr.txt");
+  const ToolRun limited = RunWithFileSizeLimit(
+      {"pca", wine, "--class", "Cultivar", "--report", report}, 8192, dir / "stderr.txt");
   EXPECT_EQ(limited.exit_code, 2);
-  EXPECT_EQ(limited.err, "mvda: " + dir.path().string() + ": " + report +
-                             " exceeds the file size limit\n");
+  EXPECT_EQ(limited.err,
+            "mvda: " + dir.path().string() + ": " + report + " exceeds the file size limit\n");
   EXPECT_EQ(Slurp(report), "the previous report");
   fs::remove(dir / "stderr.txt");
   EXPECT_EQ(FilesIn(dir.path()), std::vector<std::string>{"r.html"});
@@ -160,7 +161,7 @@ TEST(OutputFiles, FullDiskAndReadOnlyFolderNameTheFolderAndLeaveNothing) {
     TmpfsMount tmpfs(small, "size=16k", 0);
     if (tmpfs.mounted()) {
       const std::string target = (small / "r.html").string();
-      const ToolRun run = RunTool({"pca", wine, "--report", target});
+      const ToolRun run = RunTool({"pca", wine, "--class", "Cultivar", "--report", target});
       EXPECT_EQ(run.exit_code, 2);
       EXPECT_EQ(run.err, "mvda: " + small.string() + ": no space left to write " + target +
                              " (disk full or quota)\n");
@@ -180,10 +181,11 @@ TEST(OutputFiles, FullDiskAndReadOnlyFolderNameTheFolderAndLeaveNothing) {
     reason = "Permission denied";
   }
   const std::string target = (locked / "m.mvda").string();
-  const ToolRun run = RunTool({"pca", wine, "--save", target, "--report", report});
+  const ToolRun run =
+      RunTool({"pca", wine, "--class", "Cultivar", "--save", target, "--report", report});
   EXPECT_EQ(run.exit_code, 2);
-  EXPECT_EQ(run.err, "mvda: " + locked.string() + ": cannot write " + target + " here: " +
-                         reason + "\n");
+  EXPECT_EQ(run.err,
+            "mvda: " + locked.string() + ": cannot write " + target + " here: " + reason + "\n");
   EXPECT_EQ(Slurp(report), "the previous report");  // nothing of the run is committed
   if (!read_only.mounted()) fs::permissions(locked, fs::perms::owner_all);
 }

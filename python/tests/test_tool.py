@@ -104,7 +104,12 @@ def test_damaged_model_files_are_refused(tmp_path):
     mvda.save(model, path)
     whole = path.read_bytes()
     path.write_bytes(whole[: len(whole) // 2])
-    with pytest.raises(ValueError, match="damaged or truncated"):
+    with pytest.raises(ValueError, match="truncated"):
+        mvda.load(path)
+    flipped = bytearray(whole)
+    flipped[len(whole) // 2] ^= 0x01
+    path.write_bytes(bytes(flipped))
+    with pytest.raises(ValueError, match="checksum does not match"):
         mvda.load(path)
     with pytest.raises(ValueError, match="cannot write"):
         mvda.save(model, tmp_path / "no-such-folder" / "m.mvm")

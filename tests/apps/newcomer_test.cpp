@@ -23,8 +23,8 @@
 #include <vector>
 
 #include <dlfcn.h>
-
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include "run_tool.h"
 #include "support/csv.h"  // ReadCsv(name) of data/, DataDir(), SplitCsvLine
@@ -79,17 +79,15 @@ TEST(Newcomer, MisspelledNamesOfferTheClosestAndListEveryColumn) {
   const CsvTable diabetes = ReadCsv("diabetes.csv");
   const std::vector<std::string> diabetes_columns(diabetes.header.begin() + 1,
                                                   diabetes.header.end());
-  ExpectNameError(RunTool({"pls", Data("diabetes.csv"), "--y", "Progresion"}), "--y",
-                  "Progression", diabetes_columns);
+  ExpectNameError(RunTool({"pls", Data("diabetes.csv"), "--y", "Progresion"}), "--y", "Progression",
+                  diabetes_columns);
   const CsvTable filling = ReadCsv("filling.csv");
-  const std::vector<std::string> filling_columns(filling.header.begin() + 1,
-                                                 filling.header.end());
+  const std::vector<std::string> filling_columns(filling.header.begin() + 1, filling.header.end());
   ExpectNameError(RunTool({"chart", Data("filling.csv"), "--column", "Wieght"}), "--column",
                   "Weight", filling_columns);
   // predict's --class is checked against the new data's columns the same way.
   ScratchDir dir("names");
-  ASSERT_EQ(RunTool({"pls", Data("diabetes.csv"), "--y", "Progression", "--save",
-                     dir / "m.mvda"})
+  ASSERT_EQ(RunTool({"pls", Data("diabetes.csv"), "--y", "Progression", "--save", dir / "m.mvda"})
                 .exit_code,
             0);
   ExpectNameError(RunTool({"predict", dir / "m.mvda", Data("diabetes.csv"), "--class", "Sexx"}),
@@ -124,6 +122,54 @@ TEST(Newcomer, NamesInAnotherLetterCaseGiveTheSameAnalysis) {
       << ambiguous.err;
 }
 
+// What a European spreadsheet exports: a byte-order mark, semicolons, decimal commas, quoted
+// names, a non-ASCII column name and CRLF line ends. The analysis is the one of the plain file.
+TEST(Newcomer, ASpreadsheetExportGivesTheSameAnalysisAsThePlainFile) {
+  const CsvTable diabetes = ReadCsv("diabetes.csv");
+  ScratchDir dir("export");
+  std::string text = "\xEF\xBB\xBF";
+  for (std::size_t j = 0; j < diabetes.header.size(); ++j) {
+    text += (j ? ";" : "") +
+            (j == 2 ? std::string("\"Geschlecht (m\xC3\xA4nnlich=1)\"") : diabetes.header[j]);
+  }
+  text += "\r\n";
+  for (const std::vector<std::string>& row : diabetes.rows) {
+    for (std::size_t j = 0; j < row.size(); ++j) {
+      std::string cell = row[j];
+      std::replace(cell.begin(), cell.end(), '.', ',');
+      text += (j ? ";" : "") + (j == 0 ? "\"" + cell + "\"" : cell);
+    }
+    text += "\r\n";
+  }
+  WriteText(dir / "export.csv", text);
+
+  const ToolRun plain = RunTool({"pls", Data("diabetes.csv"), "--y", "Progression", "--json"});
+  const ToolRun spreadsheet =
+      RunTool({"pls", dir / "export.csv", "--y", "progression", "--json", "--verbose"});
+  ASSERT_EQ(plain.exit_code, 0) << plain.err;
+  ASSERT_EQ(spreadsheet.exit_code, 0) << spreadsheet.err;
+  EXPECT_NE(spreadsheet.err.find("separator ';' (detected), decimal comma (detected)"),
+            std::string::npos)
+      << spreadsheet.err;
+  nlohmann::json a = nlohmann::json::parse(plain.out), b = nlohmann::json::parse(spreadsheet.out);
+  EXPECT_EQ(b["x_variables"][1], "Geschlecht (m\xC3\xA4nnlich=1)");
+  EXPECT_EQ(b["observation_names"], a["observation_names"]);
+  const std::string renamed = "Geschlecht (m\xC3\xA4nnlich=1)";
+  b["vip"]["Sex"] = b["vip"][renamed];
+  b["vip"].erase(renamed);
+  b["coefficients"]["Progression"]["Sex"] = b["coefficients"]["Progression"][renamed];
+  b["coefficients"]["Progression"].erase(renamed);
+  for (const char* key : {"components", "scores", "coefficients", "vip", "rmsecv"}) {
+    EXPECT_EQ(b[key], a[key]) << key;
+  }
+  // Forcing the wrong mark is an error that says where, not a silent misreading.
+  const ToolRun forced =
+      RunTool({"pls", dir / "export.csv", "--y", "Progression", "--decimal", "."});
+  EXPECT_EQ(forced.exit_code, 2);
+  EXPECT_EQ(Lines(forced.err).size(), 1u) << forced.err;
+  EXPECT_NE(forced.err.find("export.csv:2:"), std::string::npos) << forced.err;
+}
+
 TEST(Newcomer, AClassCodeAmongTheMeasurementsGetsAOneLineHint) {
   const ToolRun plain = RunTool({"pca", Data("wine.csv")});
   ASSERT_EQ(plain.exit_code, 0) << plain.err;
@@ -146,8 +192,7 @@ TEST(Newcomer, AClassCodeAmongTheMeasurementsGetsAOneLineHint) {
     EXPECT_EQ(run.exit_code, 0) << run.err;
     EXPECT_TRUE(run.err.empty()) << args[1] << ": " << run.err;
   }
-  EXPECT_NE(RunTool({"cluster", Data("wine.csv")}).err.find("hint: 'Cultivar'"),
-            std::string::npos);
+  EXPECT_NE(RunTool({"cluster", Data("wine.csv")}).err.find("hint: 'Cultivar'"), std::string::npos);
 }
 
 // Merges named in the text table, replayed with a union-find, give the same clusters as the
@@ -158,9 +203,9 @@ TEST(Newcomer, ClusterOutputNamesObservationsAndWritesTheMembership) {
   const int cultivar = wine.Column("Cultivar");
   constexpr int kClusters = 3;
   ScratchDir dir("cluster");
-  const ToolRun run = RunTool({"cluster", Data("wine.csv"), "--class", "Cultivar", "--clusters",
-                               std::to_string(kClusters), "--output", "members.csv", "--out",
-                               dir.path().string()});
+  const ToolRun run =
+      RunTool({"cluster", Data("wine.csv"), "--class", "Cultivar", "--clusters",
+               std::to_string(kClusters), "--output", "members.csv", "--out", dir.path().string()});
   ASSERT_EQ(run.exit_code, 0) << run.err;
 
   // The membership file: a header, then one row per observation in file order.
@@ -190,7 +235,8 @@ TEST(Newcomer, ClusterOutputNamesObservationsAndWritesTheMembership) {
     while (parent[static_cast<std::size_t>(x)] != x) x = parent[static_cast<std::size_t>(x)];
     return x;
   };
-  const std::regex merge_line(R"(^\s+(\d+)\s+(step \d+ \(\d+\)|\S+)\s+(step \d+ \(\d+\)|\S+)\s+\S+\s+\d+$)");
+  const std::regex merge_line(
+      R"(^\s+(\d+)\s+(step \d+ \(\d+\)|\S+)\s+(step \d+ \(\d+\)|\S+)\s+\S+\s+\d+$)");
   const std::regex step_name(R"(step (\d+) \(\d+\))");
   std::vector<std::pair<std::string, std::string>> merges;
   const std::size_t table_start = run.out.find("  Step  Joined");
@@ -300,7 +346,8 @@ TEST(Newcomer, FiguresThatCanSurpriseCarryAFootnote) {
   EXPECT_NEAR(std::stod(m[1]), mr, 1e-3 * mr);
   EXPECT_NEAR(std::stod(m[2]), d2, 1e-3);
   EXPECT_NE(chart.out.find("outside the limits: " + outside + "\n"), std::string::npos)
-      << outside << "\n" << chart.out;
+      << outside << "\n"
+      << chart.out;
   // A chart of subgroup means shows both spreads: sigma and sigma / sqrt(n).
   const ToolRun means = RunTool({"chart", Data("filling.csv"), "--column", "Weight", "--type",
                                  "mean-range", "--subgroup", "5", "--sigma", "2"});
@@ -324,8 +371,8 @@ TEST(Newcomer, FiguresThatCanSurpriseCarryAFootnote) {
   std::string line;
   for (int i = 0; i <= 100 && std::getline(in, line); ++i) out << line << "\n";
   out.close();
-  const ToolRun small = RunTool({"pls", dir / "small.csv", "--y", "Progression", "--components",
-                                 "2", "--json"});
+  const ToolRun small =
+      RunTool({"pls", dir / "small.csv", "--y", "Progression", "--components", "2", "--json"});
   ASSERT_EQ(small.exit_code, 0) << small.err;
   EXPECT_TRUE(std::regex_search(small.out, std::regex(R"("q2_limit": 0\.0500)"))) << small.out;
   const ToolRun small_text =
@@ -384,8 +431,8 @@ TEST(Newcomer, ProgressGoesToAPipeOnlyWhenAskedAndNeverToStdout) {
       EXPECT_TRUE(std::regex_match(line, std::regex(R"(.{48} \[[#-]{30}\] +\d+%)"))) << line;
     }
   }
-  const ToolRun cluster = RunTool({"cluster", Data("wine.csv"), "--class", "Cultivar",
-                                   "--progress"});
+  const ToolRun cluster =
+      RunTool({"cluster", Data("wine.csv"), "--class", "Cultivar", "--progress"});
   ASSERT_EQ(cluster.exit_code, 0);
   EXPECT_NE(cluster.err.find("Clustering"), std::string::npos) << cluster.err;
   // --quiet wins, wherever it stands.
@@ -533,14 +580,14 @@ TEST(Newcomer, OutPutsEveryFileInOneFolder) {
   for (const char* file : {"m.mvda", "s.csv", "r.html"}) {
     EXPECT_GT(std::filesystem::file_size(out + "/" + file), 0u) << file;
   }
-  const ToolRun predict = RunTool({"predict", out + "/m.mvda", Data("diabetes.csv"), "--output",
-                                   "p.csv", "--out", out});
+  const ToolRun predict = RunTool(
+      {"predict", out + "/m.mvda", Data("diabetes.csv"), "--output", "p.csv", "--out", out});
   ASSERT_EQ(predict.exit_code, 0) << predict.err;
   EXPECT_EQ(Lines(ReadFile(out + "/p.csv")).size(), ReadCsv("diabetes.csv").rows.size() + 1);
   // A folder that cannot be made is an error before any work.
   WriteText(dir / "file", "x");
-  const ToolRun bad = RunTool({"pca", Data("wine.csv"), "--out", dir / "file/sub", "--save",
-                               "m.mvda"});
+  const ToolRun bad =
+      RunTool({"pca", Data("wine.csv"), "--out", dir / "file/sub", "--save", "m.mvda"});
   EXPECT_EQ(bad.exit_code, 2);
   EXPECT_NE(bad.err.find("--out"), std::string::npos) << bad.err;
 }

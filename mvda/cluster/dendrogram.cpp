@@ -2,6 +2,7 @@
 // DendroGram::CreateMergeData.
 #include <mvda/cluster/dendrogram.h>
 #include <mvda/cluster/dendrogram_cache.h>
+#include <mvda/cluster/detail/admission.h>
 #include <mvda/cluster/detail/pair_distances.h>
 #include <mvda/cluster/distance_calculators.h>
 #include <mvda/platform/error.h>
@@ -10,7 +11,6 @@
 #include <mvda/platform/stream_source.h>
 
 #include <algorithm>
-#include <cmath>
 #include <exception>
 #include <istream>
 #include <memory>
@@ -24,49 +24,9 @@
 namespace DendroGram {
 namespace {
 
-constexpr float kMissing = -99.0f;
-
 void CheckShape(const NCDataMatrix<float>& data) {
-  if (data.SizeRows() < 1) throw NCError("DendroGram::GetDendroGram: the data have no rows");
-  if (data.SizeColumns() < 1) throw NCError("DendroGram::GetDendroGram: the data have no columns");
+  mvda::detail::CheckClusterShape(data, "DendroGram::GetDendroGram");
   mvda::detail::CheckRowCount(data.SizeRows());
-  // An infinite or NaN value would make distances that do not order.
-  for (int i = 1; i <= data.SizeRows(); ++i) {
-    const float* x = data[i].begin();
-    for (int j = 0; j < data.SizeColumns(); ++j)
-      if (!std::isfinite(x[j]))
-        throw NCError("DendroGram::GetDendroGram: row " + std::to_string(i) + ", column " +
-                      std::to_string(j + 1) + " holds a value that is not finite");
-  }
-}
-
-// Distances rest on the columns two rows share: rows that share too few would get distances from
-// a handful of values scaled up to the full width.
-void CheckMissingValues(const NCDataMatrix<float>& data) {
-  const int rows = data.SizeRows(), columns = data.SizeColumns();
-  std::vector<int> missing(rows);
-  for (int i = 1; i <= rows; ++i) {
-    missing[i - 1] = data[i].GetNumMisVal();
-    if (missing[i - 1] > 0 && static_cast<double>(missing[i - 1]) / columns > 0.5)
-      throw NCError(
-          "Cluster analysis can not be performed on data that has rows with more than 50% missing "
-          "values");
-  }
-  const int k = static_cast<int>(std::sqrt(static_cast<double>(columns)) + 0.5);
-  for (int i = 1; i <= rows; ++i) {
-    const float* x = data[i].begin();
-    for (int j = i + 1; j <= rows; ++j) {
-      // Fewer than k common columns needs at least this many missing in row j.
-      if (missing[j - 1] < columns - missing[i - 1] - k) continue;
-      const float* y = data[j].begin();
-      int common = 0;
-      for (int c = 0; c < columns; ++c) common += x[c] != kMissing && y[c] != kMissing;
-      if (common < k)
-        throw NCError(
-            "Cluster analysis can not be performed on data where two rows have less than\nthe "
-            "square root of the number of columns common non-missing elements.");
-    }
-  }
 }
 
 // A cached tree is used only when it has one leaf per row, each holding one row 1..N once.
@@ -203,7 +163,7 @@ DendroGramNode* GetDendroGram(const NCDataMatrix<float>& data, ClusterDistanceCa
     progress->SetRange(0, 10);
     progress->PushSubRange(0, 5);
   }
-  if (x.GetNumMisVal() > 0) CheckMissingValues(x);
+  if (x.GetNumMisVal() > 0) mvda::detail::CheckCommonColumns(x);
 
   NodeList list;
   std::vector<DendroGramNode*>& nodes = list.Nodes();

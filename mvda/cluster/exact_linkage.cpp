@@ -1,5 +1,6 @@
 // DendroGram::GetExactDendroGram: the nearest-neighbour chain (Ward, average, complete, weighted)
 // and Prim's minimum spanning tree (single), computing distances from the rows as they are needed.
+#include <mvda/cluster/detail/admission.h>
 #include <mvda/cluster/exact_linkage.h>
 #include <mvda/containers/detail/parallel_for.h>
 #include <mvda/containers/detail/simd_clones.h>
@@ -21,47 +22,6 @@ namespace {
 
 constexpr float kMissing = -99.0f;
 constexpr double kInfinity = std::numeric_limits<double>::infinity();
-
-// ---------------------------------------------------------------------------------------------
-// Input checks, as GetDendroGram makes them.
-
-void CheckData(const NCDataMatrix<float>& data) {
-  const int rows = data.SizeRows(), columns = data.SizeColumns();
-  if (rows < 1) throw NCError("DendroGram::GetExactDendroGram: the data have no rows");
-  if (columns < 1) throw NCError("DendroGram::GetExactDendroGram: the data have no columns");
-  for (int i = 1; i <= rows; ++i) {
-    const float* x = data[i].begin();
-    for (int j = 0; j < columns; ++j)
-      if (!std::isfinite(x[j]))
-        throw NCError("DendroGram::GetExactDendroGram: row " + std::to_string(i) + ", column " +
-                      std::to_string(j + 1) + " holds a value that is not finite");
-  }
-  if (data.GetNumMisVal() == 0) return;
-  // Distances rest on the columns two rows share: rows that share too few would get distances
-  // from a handful of values scaled up to the full width.
-  std::vector<int> missing(rows);
-  for (int i = 1; i <= rows; ++i) {
-    missing[i - 1] = data[i].GetNumMisVal();
-    if (missing[i - 1] > 0 && static_cast<double>(missing[i - 1]) / columns > 0.5)
-      throw NCError(
-          "Cluster analysis can not be performed on data that has rows with more than 50% missing "
-          "values");
-  }
-  const int k = static_cast<int>(std::sqrt(static_cast<double>(columns)) + 0.5);
-  for (int i = 1; i <= rows; ++i) {
-    const float* x = data[i].begin();
-    for (int j = i + 1; j <= rows; ++j) {
-      if (missing[j - 1] < columns - missing[i - 1] - k) continue;
-      const float* y = data[j].begin();
-      int common = 0;
-      for (int c = 0; c < columns; ++c) common += x[c] != kMissing && y[c] != kMissing;
-      if (common < k)
-        throw NCError(
-            "Cluster analysis can not be performed on data where two rows have less than\nthe "
-            "square root of the number of columns common non-missing elements.");
-    }
-  }
-}
 
 // ---------------------------------------------------------------------------------------------
 // Points in tiles: kLanes points side by side, column after column, so that the distances of one
@@ -178,8 +138,7 @@ MVDA_AVX2_CLONES void SquaredToTiles(const double* x, bool complete, const doubl
 
 void Tiles::Squared(const double* x, bool x_complete, int first, int last, double* out,
                     const double* sizes, double na) const {
-  SquaredToTiles(x, complete_ && x_complete, values_.data(), columns_, first, last, sizes, na,
-                 out);
+  SquaredToTiles(x, complete_ && x_complete, values_.data(), columns_, first, last, sizes, na, out);
 }
 
 // The rows as doubles, a missing value as NaN, row-major.
@@ -291,7 +250,7 @@ std::vector<MergeRecord> SingleLinkage(const Points& points, Progress& progress)
   Tiles rest(points.columns, points.complete);
   rest.Resize(n - 1);
   std::vector<int> row(n - 1);
-  std::vector<int> nearest(n - 1, 0);     // the tree row closest to position p
+  std::vector<int> nearest(n - 1, 0);          // the tree row closest to position p
   std::vector<double> best(n - 1, kInfinity);  // its squared distance
   for (int p = 0; p < n - 1; ++p) {
     row[p] = p + 1;
@@ -735,7 +694,8 @@ std::vector<MergeRecord> NearestNeighbourChain(ChainCriterion& criterion, int n,
 DendroGramNode* GetExactDendroGram(const NCDataMatrix<float>& data, ExactLinkage linkage,
                                    NCProgress* progress) {
   const NCDataMatrix<float> x(data);  // shares the rows; the caller's later writes unshare them
-  CheckData(x);
+  mvda::detail::CheckClusterShape(x, "DendroGram::GetExactDendroGram");
+  if (x.GetNumMisVal() > 0) mvda::detail::CheckCommonColumns(x);
   const Points points(x);
   const int n = points.rows;
   Progress report(progress, n);
@@ -756,8 +716,10 @@ DendroGramNode* GetExactDendroGram(const NCDataMatrix<float>& data, ExactLinkage
 
 bool ExactLinkageFromName(const std::string& name, ExactLinkage& linkage) {
   static const std::pair<const char*, ExactLinkage> kNames[] = {
-      {"ward-exact", ExactLinkage::kWard},         {"average", ExactLinkage::kAverage},
-      {"complete", ExactLinkage::kComplete},       {"weighted", ExactLinkage::kWeighted},
+      {"ward-exact", ExactLinkage::kWard},
+      {"average", ExactLinkage::kAverage},
+      {"complete", ExactLinkage::kComplete},
+      {"weighted", ExactLinkage::kWeighted},
       {"single-exact", ExactLinkage::kSingle}};
   for (const auto& entry : kNames) {
     if (name == entry.first) {

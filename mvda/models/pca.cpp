@@ -38,6 +38,23 @@ void ExcludeVariables(NCDataVector<float>& p, const NCIntegralVector<int, -99>* 
     if ((*groups)[j] == group) p(j, kMis);
 }
 
+// One NIPALS iteration's progress, the same on E and on the Gram matrix: the first convergence
+// measure sets the range (on a reporter of our own when the host gave none), later ones move it,
+// and a stop request ends the fit.
+void ReportIteration(int count, double c, int a, NCProgress*& reporter,
+                     std::shared_ptr<NCProgress>& own) {
+  if (count == 1) {
+    if (reporter) {
+      reporter->SetRange(-c, 0.0);
+    } else {
+      own = NCProgress::CreateDefault(LanguageString::Format(10041, a), -c, 0.0);
+      reporter = own.get();
+    }
+  } else if (reporter && !reporter->SetValue(-c)) {
+    throw NCError(LanguageString::Get(10147), NCError::kStopRequested);
+  }
+}
+
 }  // namespace
 
 // The Gram path's state, shared by a model and its copies like the matrices it stands for.
@@ -182,17 +199,7 @@ bool NCPCA::NextComponent(NCProgress* progress, const GroupVector* groups, int g
       const double d = static_cast<double>(t.Difference(previous));
       if (d == mvda::kMissing) throw NCError("PCA component could not be computed.");
       const double c = ConvergenceMeasure(d);
-      ++count;
-      if (count == 1) {
-        if (reporter) {
-          reporter->SetRange(-c, 0.0);
-        } else {
-          own = NCProgress::CreateDefault(LanguageString::Format(10041, a), -c, 0.0);
-          reporter = own.get();
-        }
-      } else if (reporter && !reporter->SetValue(-c)) {
-        throw NCError(LanguageString::Get(10147), NCError::kStopRequested);
-      }
+      ReportIteration(++count, c, a, reporter, own);
       if (c <= 0 || count >= max_iterations_) break;
     }
     iterations_ = count;
@@ -290,17 +297,7 @@ bool NCPCA::FitOnGram(NCProgress* progress) {
   int count = 0;
   const mvda::detail::PcaGramFit fit =
       mvda::detail::FitPcaOnGram(G, k, nullptr, v0, tt0, &q0, max_iterations_, [&](double c) {
-        ++count;
-        if (count == 1) {
-          if (reporter) {
-            reporter->SetRange(-c, 0.0);
-          } else {
-            own = NCProgress::CreateDefault(LanguageString::Format(10041, a), -c, 0.0);
-            reporter = own.get();
-          }
-        } else if (reporter && !reporter->SetValue(-c)) {
-          throw NCError(LanguageString::Get(10147), NCError::kStopRequested);
-        }
+        ReportIteration(++count, c, a, reporter, own);
         return true;
       });
   if (fit.failed) throw NCError("PCA component could not be computed.");

@@ -15,6 +15,12 @@ LINKAGE_METHODS = {
     "ward": lambda h: np.sqrt(2.0 * h),
     "ward-sqrt": lambda h: np.sqrt(2.0) * h,  # the library reports sqrt(increase of ESS)
     "single": lambda h: h,
+    # The exact linkages store SciPy's heights already (Ward: sqrt(2 * increase of the ESS)).
+    "ward-exact": lambda h: h,
+    "average": lambda h: h,
+    "complete": lambda h: h,
+    "weighted": lambda h: h,
+    "single-exact": lambda h: h,
 }
 
 # The tool's `chart --type` names.

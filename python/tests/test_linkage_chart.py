@@ -55,6 +55,21 @@ def test_ward_heights_are_in_scipys_units(method):
     assert coph.shape == (len(X) * (len(X) - 1) // 2,) and corr > 0.7
 
 
+@pytest.mark.parametrize("method,scipy_method", [("ward-exact", "ward"), ("average", "average"),
+                                                 ("complete", "complete"),
+                                                 ("weighted", "weighted"),
+                                                 ("single-exact", "single")])
+def test_exact_linkages_are_scipys(method, scipy_method):
+    X = np.random.default_rng(3).normal(size=(60, 6))
+    Z = mvda.linkage(X, method=method)
+    S = hierarchy.linkage(standardised(X), scipy_method)
+    assert hierarchy.is_valid_linkage(Z) and hierarchy.is_monotonic(Z)
+    np.testing.assert_allclose(Z[:, 2], S[:, 2], rtol=1e-5)
+    for k in (2, 4, 9):
+        assert partition(hierarchy.fcluster(Z, k, "maxclust")) == \
+            partition(hierarchy.fcluster(S, k, "maxclust"))
+
+
 def test_linkage_with_missing_values_and_bad_input(tmp_path):
     X = blobs()
     X[[0, 20, 40], 1] = np.nan

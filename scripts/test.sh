@@ -1,23 +1,24 @@
 #!/usr/bin/env bash
 # Builds everything twice, a Release build and an AddressSanitizer + UndefinedBehaviorSanitizer
-# build, with warnings as errors, and runs the whole test suite on both; the numerical suites run
-# again, repeated and shuffled inside one process, on the sanitizer build. Then a short bounded run
-# of every stream-reader fuzzer (clang, libFuzzer), since those readers face files from outside.
+# build, with warnings as errors, and runs the whole test suite on both, and the Python package's
+# tests against the release build; the numerical suites run again, repeated and shuffled inside one
+# process, on the sanitizer build. Then a short bounded run of every fuzzer of a reader of outside
+# bytes (clang, libFuzzer).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/bootstrap.sh
 
 jobs=$(nproc 2>/dev/null || echo 2)
 
-run() {  # run NAME BUILD_TYPE SANITIZE
+run() {  # run NAME BUILD_TYPE SANITIZE BENCHMARKS
   local dir="build/$1"
   cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE="$2" -DMVDA_SANITIZE="$3" \
-        -DMVDA_WERROR=ON -DMVDA_BUILD_BENCHMARKS=ON >/dev/null
+        -DMVDA_WERROR=ON -DMVDA_BUILD_BENCHMARKS="$4" >/dev/null
   cmake --build "$dir" -j "$jobs"
   (cd "$dir" && ctest --output-on-failure -j "$jobs")
 }
 
-run release Release OFF
+run release Release OFF ON
 
 # The Python package: the extension built in the release tree, installed into a venv that sees
 # Debian's numpy, SciPy and scikit-learn, its tests run by Debian's interpreter against the
@@ -33,7 +34,8 @@ python_rc=0
 if [ "$python_rc" -eq 5 ]; then echo "test.sh: no Python tests were collected" >&2; fi
 [ "$python_rc" -eq 0 ] || exit 1
 
-run asan RelWithDebInfo ON
+# The benchmarks build (with warnings as errors) in the release tree only.
+run asan RelWithDebInfo ON OFF
 
 # The suites that touch the BLAS, the threads and score estimation, repeated inside one process in
 # shuffled order on the sanitizer build. A fresh process replays the same heap history, so where

@@ -23,7 +23,7 @@ std::vector<double> SPEContributions(const NCDataMatrix<float>& x, const NCDataM
   detail::CheckModelShapes(x, tprim, pprim, place);
   CheckObservation(observation, x.SizeRows(), place);
   std::vector<double> result(static_cast<std::size_t>(x.SizeColumns()), kMissing);
-  const detail::LoadingRows loadings(pprim);
+  const detail::LoadingRows loadings(pprim, x.SizeColumns());
   std::vector<float> t(static_cast<std::size_t>(loadings.Components()));
   if (!detail::ScoresOf(tprim, observation, t.data())) return result;
   const NCDataVector<float>& row = x[observation];

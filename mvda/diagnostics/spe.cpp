@@ -14,7 +14,7 @@ std::vector<double> SPE(const NCDataMatrix<float>& x, const NCDataMatrix<float>&
                         const NCDataMatrix<float>& pprim) {
   detail::CheckModelShapes(x, tprim, pprim, "SPE");
   const int n = x.SizeRows(), k = x.SizeColumns();
-  const detail::LoadingRows loadings(pprim);
+  const detail::LoadingRows loadings(pprim, x.SizeColumns());
   std::vector<double> spe(static_cast<std::size_t>(n), kMissing);
   // Pieces of a fixed number of rows: enough of them to share out, few enough that handing them
   // out costs nothing. Each row's value depends on that row alone.

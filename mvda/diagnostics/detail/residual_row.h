@@ -15,10 +15,11 @@ namespace mvda::detail {
 // the same order as that of the float arithmetic. The squares are added in double.
 
 // The loadings P' (A x K) as A contiguous rows of floats; a missing loading (a variable left out
-// of a component) is 0, so it deflates nothing, as in the models.
+// of a component) is 0, so it deflates nothing, as in the models. K is given, as the data's
+// column count, since a P' without rows (A = 0) may have any number of columns.
 class LoadingRows {
  public:
-  explicit LoadingRows(const NCDataMatrix<float>& pprim);
+  LoadingRows(const NCDataMatrix<float>& pprim, int variables);
   int Components() const { return a_; }
   int Variables() const { return k_; }
   const float* Data() const { return values_.data(); }  // row a (0-based) at Data() + a * K

@@ -152,13 +152,16 @@ void BM_Diagnostics(benchmark::State& state) {
     state.counters["share_of_fit"] = fastest / record.fastest;
     state.counters["share_without_scores"] = fastest / record.fastest_without_scores;
   }
-  // SPE of a complete row is its residual sum of squares: row 1 against the model's own residuals.
-  const NCDataMatrix<float>& e = *record.model.GetResiduals();
+  // SPE of row 1 from its residual in double, x - t P' (not the model's residual matrix, which a
+  // fit on the Gram matrix would form only for this check).
+  const NCDataMatrix<float>&tprim = *record.model.GetTprim(), &pprim = *record.model.GetPprim();
   double ss = 0;
   int present = 0;
   for (int j = 1; j <= kColumns; ++j) {
-    if (e[1][j] == -99.0f) continue;
-    ss += double(e[1][j]) * e[1][j];
+    if (x[1][j] == -99.0f) continue;
+    double e = x[1][j];
+    for (int a = 1; a <= kComponents; ++a) e -= double(tprim[a][1]) * pprim[a][j];
+    ss += e * e;
     ++present;
   }
   const double expected = ss * kColumns / present;

@@ -38,7 +38,7 @@ typedef double Double4 __attribute__((vector_size(32)));
 // The sums of squares of eight lanes, kept as two halves so that they stay in registers.
 struct LaneSums {
   Double4 low = {0, 0, 0, 0}, high = {0, 0, 0, 0};
-  void Add(Float8 e) {
+  void Add(const Float8& e) {
     const Double8 d = __builtin_convertvector(e, Double8);
     const Double4 d_low = __builtin_shufflevector(d, d, 0, 1, 2, 3);
     const Double4 d_high = __builtin_shufflevector(d, d, 4, 5, 6, 7);

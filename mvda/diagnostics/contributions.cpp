@@ -23,10 +23,14 @@ std::vector<double> SPEContributions(const NCDataMatrix<float>& x, const NCDataM
   detail::CheckModelShapes(x, tprim, pprim, place);
   CheckObservation(observation, x.SizeRows(), place);
   std::vector<double> result(static_cast<std::size_t>(x.SizeColumns()), kMissing);
-  std::vector<double> t;
-  if (!detail::ScoreColumns(tprim).Get(observation, t)) return result;
-  detail::ResidualRow(x[observation], t, detail::LoadingColumns(pprim),
-                      [&](int k, double e) { result[static_cast<std::size_t>(k - 1)] = e; });
+  const detail::LoadingRows loadings(pprim, x.SizeColumns());
+  std::vector<float> t(static_cast<std::size_t>(loadings.Components()));
+  if (!detail::ScoresOf(tprim, observation, t.data())) return result;
+  const NCDataVector<float>& row = x[observation];
+  for (int k = 1; k <= x.SizeColumns(); ++k) {
+    if (row[k] == -99.0f) continue;
+    result[static_cast<std::size_t>(k - 1)] = loadings.Residual(row[k], t.data(), k - 1);
+  }
   return result;
 }
 
@@ -39,8 +43,8 @@ std::vector<double> T2Contributions(const NCDataMatrix<float>& x, const NCDataMa
   CheckObservation(observation, x.SizeRows(), place);
   const int k_count = x.SizeColumns(), a_count = pprim.SizeRows();
   std::vector<double> result(static_cast<std::size_t>(k_count), kMissing);
-  std::vector<double> t;
-  if (!detail::ScoreColumns(tprim).Get(observation, t)) return result;
+  std::vector<float> t(static_cast<std::size_t>(a_count));
+  if (!detail::ScoresOf(tprim, observation, t.data())) return result;
   const NCDataVector<float>& row = x[observation];
   for (int k = 1; k <= k_count; ++k) {
     if (row[k] == -99.0f) continue;

@@ -4,6 +4,7 @@
 #include <mvda/diagnostics/spe.h>
 #include <mvda/platform/error.h>
 
+#include <algorithm>
 #include <cmath>
 #include <string>
 
@@ -13,16 +14,22 @@ std::vector<double> SPE(const NCDataMatrix<float>& x, const NCDataMatrix<float>&
                         const NCDataMatrix<float>& pprim) {
   detail::CheckModelShapes(x, tprim, pprim, "SPE");
   const int n = x.SizeRows(), k = x.SizeColumns();
-  const detail::ScoreColumns scores(tprim);
-  const detail::LoadingColumns loadings(pprim);
+  const detail::LoadingRows loadings(pprim, x.SizeColumns());
   std::vector<double> spe(static_cast<std::size_t>(n), kMissing);
-  mvda::detail::ParallelFor(n, [&](int row) {
-    std::vector<double> t;
-    if (!scores.Get(row + 1, t)) return;
-    double ss = 0;
-    const int present =
-        detail::ResidualRow(x[row + 1], t, loadings, [&](int, double e) { ss += e * e; });
-    if (present > 0) spe[static_cast<std::size_t>(row)] = ss * k / present;
+  // Pieces of a fixed number of rows: enough of them to share out, few enough that handing them
+  // out costs nothing. Each row's value depends on that row alone.
+  constexpr int kRowsPerPiece = 64;
+  mvda::detail::ParallelFor((n + kRowsPerPiece - 1) / kRowsPerPiece, [&](int piece) {
+    std::vector<float> t(static_cast<std::size_t>(loadings.Components()));
+    const int end = std::min(n, (piece + 1) * kRowsPerPiece);
+    for (int row = piece * kRowsPerPiece + 1; row <= end; ++row) {
+      if (!detail::ScoresOf(tprim, row, t.data())) continue;
+      const NCDataVector<float>& xi = x[row];
+      int present = 0;
+      const double ss = detail::ResidualSquares(xi.GetVector() + 1, t.data(), loadings,
+                                                xi.GetNumMisVal() == 0, present);
+      if (present > 0) spe[static_cast<std::size_t>(row - 1)] = ss * k / present;
+    }
   });
   return spe;
 }

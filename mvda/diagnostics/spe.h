@@ -14,6 +14,8 @@ namespace mvda::diagnostics {
 // SPE_i = K / k_i · sum_k e_ik² over the k_i present cells of row i, with e_i = x_i - t_i P' the
 // residual of the row under the very scores that are reported for it (column i of T'), all in the
 // model's scaled units. The factor K / k_i keeps rows with gaps comparable with complete rows.
+// e is formed in float, like the data, scores and loadings it comes from; its squares are summed
+// in double.
 //
 // x: the observations scaled like the model's data (N x K, -99 = missing); tprim: their scores
 // (A x N), training scores from the model or scores of new observations from NCPCAPred /

@@ -238,20 +238,76 @@ TEST(HotellingAndSpe, TrainingRowsWithGapsMatchTheModelResiduals) {
   EXPECT_EQ(SPEMomentsOf(spe).count, n);
 }
 
-// Each row's SPE goes to its own slot: one thread and four give the same bits.
+// Every width of row the residual kernel cuts into blocks (under 8 columns, one block of 8, 16,
+// blocks with a remainder) with complete rows and rows with gaps, against residuals formed in
+// double from the same float data, scores and loadings; A = 0 leaves the row itself. The SPE
+// contributions are the residuals themselves, so their squares add up to SPE but for the order of
+// the sum.
+TEST(HotellingAndSpe, SpeAgreesWithDoubleResidualsForEveryRowWidth) {
+  for (const int k : {5, 8, 13, 16, 45}) {
+    for (const int components : {0, 3}) {
+      SCOPED_TRACE(::testing::Message() << "K = " << k << ", A = " << components);
+      const int n = 40;
+      Matrix x = RandomMatrix<float>(n, k, 0.0, 11 + k);
+      // Gaps in every other row, at the first and last column and in between.
+      for (int i = 2; i <= n; i += 2) {
+        x(i, 1 + (i * 7) % k, -99.0f);
+        if (i % 4 == 0) x(i, k, -99.0f);
+        if (i % 6 == 0) x(i, 1, -99.0f);
+      }
+      const int a_count = std::min(components, k - 1);
+      const NCPCA model = FitPca(x, a_count);
+      const Matrix &tprim = *model.GetTprim(), &pprim = *model.GetPprim();
+      const std::vector<double> spe = SPE(x, tprim, pprim);
+      for (int i = 1; i <= n; ++i) {
+        double ss = 0;
+        int present = 0;
+        std::vector<double> e(static_cast<std::size_t>(k), kMissing);
+        for (int j = 1; j <= k; ++j) {
+          if (x[i][j] == -99.0f) continue;
+          double r = x[i][j];
+          for (int a = 1; a <= a_count; ++a) r -= double(tprim[a][i]) * pprim[a][j];
+          e[j - 1] = r;
+          ss += r * r;
+          ++present;
+        }
+        const double expected = ss * k / present;
+        ASSERT_NEAR(spe[i - 1], expected, 1e-5 * (1 + expected)) << i;
+        const std::vector<double> c = SPEContributions(x, tprim, pprim, i);
+        double sum = 0;
+        for (int j = 0; j < k; ++j) {
+          if (e[j] == kMissing) {
+            ASSERT_EQ(c[j], kMissing) << i << ", " << j + 1;
+            continue;
+          }
+          ASSERT_NEAR(c[j], e[j], 1e-5 * (1 + std::abs(x[i][j + 1]))) << i << ", " << j + 1;
+          sum += c[j] * c[j];
+        }
+        EXPECT_NEAR(sum * k / present, spe[i - 1], 1e-12 * (1 + expected)) << i;
+      }
+    }
+  }
+}
+
+// Each row's SPE goes to its own slot: one thread and four give the same bits, on rows of every
+// kind (complete, with gaps, without scores).
 TEST(HotellingAndSpe, SpeDoesNotDependOnTheThreadCount) {
   using NCMultiThreading::ThreadingControl;
-  const Matrix x = RandomMatrix<float>(300, 40, 0.1, 3);
+  Matrix x = RandomMatrix<float>(300, 45, 0.0, 3);
+  for (int i = 1; i <= 300; i += 3) x(i, 1 + i % 45, -99.0f);
   const NCPCA model = FitPca(x, 2);
+  Matrix tprim = *model.GetTprim();
+  tprim(2, 7, -99.0f);  // a row that could not be scored
   const int processors = ThreadingControl::GetNumberOfProcessors();
   const bool on = ThreadingControl::IsThreadingOn();
   ThreadingControl::SetThreadingIsOn(false);
-  const std::vector<double> one = SPE(x, *model.GetTprim(), *model.GetPprim());
+  const std::vector<double> one = SPE(x, tprim, *model.GetPprim());
   ThreadingControl::SetNumberOfProcessors(4);
   ThreadingControl::SetThreadingIsOn(true);
-  const std::vector<double> four = SPE(x, *model.GetTprim(), *model.GetPprim());
+  const std::vector<double> four = SPE(x, tprim, *model.GetPprim());
   ThreadingControl::SetNumberOfProcessors(processors);
   ThreadingControl::SetThreadingIsOn(on);
+  EXPECT_EQ(one[6], kMissing);
   EXPECT_EQ(one, four);
 }
 

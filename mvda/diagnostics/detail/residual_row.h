@@ -9,66 +9,42 @@
 
 namespace mvda::detail {
 
-// Reads the scores of one observation out of T' (A x N); false when one of them is missing.
-class ScoreColumns {
- public:
-  explicit ScoreColumns(const NCDataMatrix<float>& tprim) : tprim_(tprim) {}
-  bool Get(int observation, std::vector<double>& t) const {
-    const int a_count = tprim_.SizeRows();
-    t.resize(static_cast<std::size_t>(a_count));
-    for (int a = 1; a <= a_count; ++a) {
-      const float value = tprim_[a][observation];
-      if (value == -99.0f) return false;
-      t[static_cast<std::size_t>(a - 1)] = value;
-    }
-    return true;
-  }
+// Residuals are formed in float, e_k = x_k - t_1 p_1k - ... - t_A p_Ak in this order, one rounding
+// per operation and no fused multiply-add, so a cell has the same bits in the vector kernel and in
+// the scalar code of the contributions. x, t and p are floats already: their own rounding is of
+// the same order as that of the float arithmetic. The squares are added in double.
 
- private:
-  const NCDataMatrix<float>& tprim_;
-};
-
-// The loadings P' (A x K) variable by variable, A values per variable, in double; a missing
-// loading (a variable left out of a component) is 0, so it deflates nothing, as in the models.
-class LoadingColumns {
+// The loadings P' (A x K) as A contiguous rows of floats; a missing loading (a variable left out
+// of a component) is 0, so it deflates nothing, as in the models. K is given, as the data's
+// column count, since a P' without rows (A = 0) may have any number of columns.
+class LoadingRows {
  public:
-  explicit LoadingColumns(const NCDataMatrix<float>& pprim)
-      : a_(pprim.SizeRows()),
-        values_(static_cast<std::size_t>(pprim.SizeRows()) *
-                static_cast<std::size_t>(a_ > 0 ? pprim.SizeColumns() : 0)) {
-    const int k_count = a_ > 0 ? pprim.SizeColumns() : 0;
-    for (int a = 1; a <= a_; ++a)
-      for (int k = 1; k <= k_count; ++k) {
-        const float p = pprim[a][k];
-        values_[static_cast<std::size_t>(k - 1) * a_ + (a - 1)] = p == -99.0f ? 0.0 : p;
-      }
-  }
+  LoadingRows(const NCDataMatrix<float>& pprim, int variables);
   int Components() const { return a_; }
-  const double* Of(int k) const { return values_.data() + static_cast<std::size_t>(k - 1) * a_; }
+  int Variables() const { return k_; }
+  const float* Data() const { return values_.data(); }  // row a (0-based) at Data() + a * K
+  // e of the 0-based column j as described above.
+  float Residual(float x, const float* t, int j) const {
+    float e = x;
+    for (int a = 0; a < a_; ++a) e -= t[a] * values_[static_cast<std::size_t>(a) * k_ + j];
+    return e;
+  }
 
  private:
-  int a_;
-  std::vector<double> values_;
+  int a_ = 0, k_ = 0;
+  std::vector<float> values_;
 };
 
-// Calls cell(k, e_k) for every present x_k with e_k = x_k - sum_a t_a p_ak in double, and returns
-// the number of present cells.
-template <class Cell>
-int ResidualRow(const NCDataVector<float>& x, const std::vector<double>& t, const LoadingColumns& p,
-                Cell&& cell) {
-  const int k_count = x.Size(), a_count = p.Components();
-  const double* tt = t.data();
-  int present = 0;
-  for (int k = 1; k <= k_count; ++k) {
-    if (x[k] == -99.0f) continue;
-    const double* pk = p.Of(k);
-    double e = x[k];
-    for (int a = 0; a < a_count; ++a) e -= tt[a] * pk[a];
-    cell(k, e);
-    ++present;
-  }
-  return present;
-}
+// Copies the scores of one observation (1-based) out of T' (A x N) into t[0..A); false when one
+// of them is missing.
+bool ScoresOf(const NCDataMatrix<float>& tprim, int observation, float* t);
+
+// The sum of e_k² in double over the K cells of x (0-based, K = p.Variables()) and, through
+// present, their number. With complete, x holds no -99 and every cell counts; otherwise -99
+// cells are skipped. The sum's order is fixed by K alone (eight lanes, then a scalar tail), so it
+// is the same on every processor, for any thread count and on both paths for a complete row.
+double ResidualSquares(const float* x, const float* t, const LoadingRows& p, bool complete,
+                       int& present);
 
 }  // namespace mvda::detail
 

@@ -6,6 +6,7 @@
 #include <mvda/platform/progress.h>
 #include <mvda/validation/cv_groups.h>
 #include <mvda/validation/detail/pls_group_fits.h>
+#include <mvda/validation/detail/pls_group_grams.h>
 #include <mvda/validation/detail/q2.h>
 #include <mvda/validation/pls_cross_validation.h>
 
@@ -219,8 +220,20 @@ void PLSCrossValidation::NextComponent(const Vector* w, int maxIterations,
     shown = own.get();
   }
 
+  // Complete data go through the groups' cross products, kept from the previous component.
+  const bool gram = model_->GetGramIterations();
+  std::shared_ptr<mvda::detail::PlsGroupGrams> grams;
+  if (gram && x.GetNumMisVal() == 0 && y.GetNumMisVal() == 0 && w->GetNumMisVal() == 0 && n >= k) {
+    grams = grams_ && grams_.use_count() == 1
+                ? grams_
+                : std::make_shared<mvda::detail::PlsGroupGrams>(
+                      grams_ ? *grams_ : mvda::detail::PlsGroupGrams());
+    const int level = model_->GetComponents() - 1;
+    grams->Update(x, y, group_ids_, groups_, level, *model_->GetWprim(), *model_->GetPprim(),
+                  *model_->GetCprim());
+  }
   const std::vector<GroupFit> fits = mvda::detail::FitPlsGroups(
-      x, y, *w, group_ids_, groups_, maxIterations, model_->GetGramIterations());
+      x, y, *w, group_ids_, groups_, maxIterations, gram, grams ? &grams->Training() : nullptr);
 
   // Each observation scored by the sub-model that left it out, as NCPLSPred(its group's X, W, P,
   // C, 0.9999) scores it with one component: the floored regression of the row on w. Where the
@@ -331,6 +344,7 @@ void PLSCrossValidation::NextComponent(const Vector* w, int maxIterations,
   q2_y_var_cum_ = q2YVarCum;
   ssy_ = ssy;
   ssy_original_ = ssyOriginal;
+  if (grams) grams_ = grams;
   q2_tot_ = q2Tot;
   q2_tot_cum_ = q2TotCum;
 }

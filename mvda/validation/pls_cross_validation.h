@@ -12,7 +12,12 @@
 #include <mvda/platform/stream.h>
 #include <mvda/validation/significance.h>
 
+#include <memory>
+
 class NCProgress;
+namespace mvda::detail {
+class PlsGroupGrams;
+}
 
 // Driven in step with the model, between extracting a component and deflating with it:
 //
@@ -35,7 +40,10 @@ class NCProgress;
 // rounding, and each stops at its own iteration. Complete residuals with at least as many rows as
 // X columns are fitted on cross products instead, as the model fits them (those without a group
 // are the whole less the group's own), unless the model's SetGramIterations(false) keeps its fits
-// on the data.
+// on the data. The cross products of each group's own rows are formed at the first such component
+// and deflated with the model's components from then on, so later components cost a few passes
+// over the residuals rather than a product; they are formed again when the residuals no longer
+// match them (a component validated out of turn, or residuals that moved otherwise).
 //
 // The W, C, P and T sets hold one row per group for the latest component, sign-aligned with the
 // full model's w; TPred holds each observation's score from the sub-model that left it out, in
@@ -141,6 +149,9 @@ class MVDA_EXPORT PLSCrossValidation : public UStreamBase {
   float q2_tot_ = 0.0f;
   float q2_tot_cum_ = 0.0f;
   GroupVector group_ids_;
+  // The groups' cross products on the complete-data path; shared by copies until one of them
+  // moves on, which then takes its own.
+  std::shared_ptr<mvda::detail::PlsGroupGrams> grams_;
 };
 
 // Fills the missing cells of X from a PLS model of X on Y, when X has any. The model (at most 200

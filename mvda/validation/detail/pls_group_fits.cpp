@@ -1,6 +1,8 @@
+#include <mvda/containers/detail/parallel_for.h>
 #include <mvda/models/detail/gram.h>
 #include <mvda/validation/detail/batched_regressions.h>
 #include <mvda/validation/detail/pls_group_fits.h>
+#include <mvda/validation/detail/pls_group_grams.h>
 
 #include <algorithm>
 #include <cmath>
@@ -64,34 +66,21 @@ void YHalfStep(const BatchedRegressions& y, const std::vector<int>& batch,
 
 int Count(const std::vector<int>& rows) { return static_cast<int>(rows.size()); }
 
-// The sub-models of complete X and Y with at least as many rows as columns, on cross products:
-// those of each group's own rows are formed once, and the training products of group g are the
-// whole less group g's own. Every iteration is then a product with K x K and K x M matrices; one
-// more pass over X forms the scores of all groups.
-void FitOnGram(const Matrix& x, const Matrix& y, const Vector& w, int maxIterations,
-               std::vector<PlsGroupFit>& fits) {
-  const int n = x.SizeRows(), k = x.SizeColumns(), m = y.SizeColumns();
+// The sub-models of complete X and Y with at least as many rows as columns, on the cross
+// products of each group's training rows. Every iteration is then a product with K x K and K x M
+// matrices, and the groups are fitted side by side, each by one thread; one more pass over X forms
+// the scores of all groups.
+void FitOnGram(const Matrix& x, const Vector& w, int maxIterations,
+               const std::vector<CrossProducts>& training, std::vector<PlsGroupFit>& fits) {
+  const int n = x.SizeRows(), k = x.SizeColumns(), m = training.front().m;
   const int groups = static_cast<int>(fits.size());
-  std::vector<std::vector<int>> sets(fits.size());
-  for (int g = 0; g < groups; ++g)
-    for (const int i : fits[g].test) sets[g].push_back(i - 1);
-  const std::vector<CrossProducts> own = FormCrossProducts(x, &y, sets);
-  CrossProducts whole = own.front();
-  for (int g = 1; g < groups; ++g) {
-    for (std::size_t e = 0; e < whole.xx.size(); ++e) whole.xx[e] += own[g].xx[e];
-    for (std::size_t e = 0; e < whole.xy.size(); ++e) whole.xy[e] += own[g].xy[e];
-    for (std::size_t e = 0; e < whole.yy.size(); ++e) whole.yy[e] += own[g].yy[e];
-  }
-  CrossProducts training = whole;
   std::vector<float> q(static_cast<std::size_t>(k) * groups);
-  for (int g = 0; g < groups; ++g) {
-    for (std::size_t e = 0; e < whole.xx.size(); ++e) training.xx[e] = whole.xx[e] - own[g].xx[e];
-    for (std::size_t e = 0; e < whole.xy.size(); ++e) training.xy[e] = whole.xy[e] - own[g].xy[e];
-    for (std::size_t e = 0; e < whole.yy.size(); ++e) training.yy[e] = whole.yy[e] - own[g].yy[e];
+  ParallelFor(groups, [&](int g) {
+    const CrossProducts& products = training[g];
     PlsGroupFit& f = fits[g];
     // The start as NCPLS::NextComponent(reporter, &w, false, false) takes it: w's Y scores with
     // more than one Y column, the (only) Y column otherwise.
-    const PlsGramFit fit = FitPlsOnGram(training.xx, training.xy, training.yy, k, m,
+    const PlsGramFit fit = FitPlsOnGram(products.xx, products.xy, products.yy, k, m,
                                         m > 1 ? w.GetVector() + 1 : nullptr, maxIterations, false,
                                         0.0, [&](double value) {
                                           if (f.firstValue == 0 && f.iterations == 0)
@@ -103,7 +92,7 @@ void FitOnGram(const Matrix& x, const Matrix& y, const Vector& w, int maxIterati
     f.p.CopyZeroBasedVector(fit.p.data(), k);
     for (int j = 0; j < k; ++j)
       q[static_cast<std::size_t>(j) * groups + g] = static_cast<float>(fit.q[j]);
-  }
+  });
   // t = X q of every group in one pass: the training rows are its scores, the test rows its
   // regressions on w (w / w'w = q).
   std::vector<float> t(static_cast<std::size_t>(n) * groups);
@@ -134,13 +123,20 @@ void PlsGroupFit::Replay(NCProgress& reporter) const {
 // convergence measure then sees exactly the training rows.
 std::vector<PlsGroupFit> FitPlsGroups(const Matrix& x, const Matrix& y, const Vector& w,
                                       const NCIntegralVector<int, -99>& groupIds, int groups,
-                                      int maxIterations, bool gram) {
+                                      int maxIterations, bool gram,
+                                      const std::vector<CrossProducts>* training) {
   const int n = x.SizeRows(), k = x.SizeColumns(), m = y.SizeColumns();
   std::vector<PlsGroupFit> fits(static_cast<std::size_t>(groups));
   for (int i = 1; i <= n; ++i)
     for (int g = 0; g < groups; ++g) (groupIds[i] == g ? fits[g].test : fits[g].train).push_back(i);
   if (gram && x.GetNumMisVal() == 0 && y.GetNumMisVal() == 0 && w.GetNumMisVal() == 0 && n >= k) {
-    FitOnGram(x, y, w, maxIterations, fits);
+    if (training) {
+      FitOnGram(x, w, maxIterations, *training, fits);
+    } else {
+      PlsGroupGrams grams;
+      grams.Update(x, y, groupIds, groups, 0, Matrix(), Matrix(), Matrix());
+      FitOnGram(x, w, maxIterations, grams.Training(), fits);
+    }
     return fits;
   }
   const BatchedRegressions xs(x), ys(y);

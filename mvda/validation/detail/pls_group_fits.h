@@ -6,6 +6,7 @@
 #include <mvda/containers/data_matrix.h>
 #include <mvda/containers/data_vector.h>
 #include <mvda/containers/integral_vector.h>
+#include <mvda/models/detail/gram.h>
 #include <mvda/platform/progress.h>
 
 #include <vector>
@@ -40,12 +41,14 @@ struct PlsGroupFit {
 // another order. Each group keeps its own iteration count. No group may hold every row. With gram,
 // complete X, Y and w with at least as many rows as X columns are fitted on cross products instead
 // (those without a group are the whole less the group's own), with the same iterations to float
-// precision. Thread-safety: reads its arguments only; the products run on the library's threads
-// and give the same bits for any number of them.
+// precision; training, when given, holds the cross products of each group's training rows of x
+// and y (PlsGroupGrams::Training), else they are formed here. Thread-safety: reads its arguments only; the products and the group
+// fits run on the library's threads and give the same bits for any number of them.
 std::vector<PlsGroupFit> FitPlsGroups(const NCDataMatrix<float>& x, const NCDataMatrix<float>& y,
                                       const NCDataVector<float>& w,
                                       const NCIntegralVector<int, -99>& groupIds, int groups,
-                                      int maxIterations, bool gram);
+                                      int maxIterations, bool gram,
+                                      const std::vector<CrossProducts>* training = nullptr);
 
 }  // namespace mvda::detail
 

@@ -7,6 +7,7 @@
 #include <mvda/containers/data_matrix.h>
 #include <mvda/containers/integral_vector.h>
 #include <mvda/models/detail/gram.h>
+#include <mvda/mvda_export.h>
 
 #include <vector>
 
@@ -28,7 +29,7 @@ namespace mvda::detail {
 // precision with the blocks added in double. Everything is computed group by group, or by bands
 // of elements, on the library's team, each piece by one thread in a fixed order: the same bits for
 // any thread count. Thread-safety: one object is used by one thread at a time.
-class PlsGroupGrams {
+class MVDA_EXPORT PlsGroupGrams {
  public:
   // Brings the products in line with the complete residuals x and y of a model after `level`
   // deflations, the last of them by row `level` of wprim, pprim and cprim (the model's W, P and C).

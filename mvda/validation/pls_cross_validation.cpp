@@ -233,7 +233,7 @@ void PLSCrossValidation::NextComponent(const Vector* w, int maxIterations,
                   *model_->GetCprim());
   }
   const std::vector<GroupFit> fits = mvda::detail::FitPlsGroups(
-      x, y, *w, group_ids_, groups_, maxIterations, gram, grams ? &grams->Training() : nullptr);
+      x, y, *w, group_ids_, groups_, maxIterations, gram, grams.get());
 
   // Each observation scored by the sub-model that left it out, as NCPLSPred(its group's X, W, P,
   // C, 0.9999) scores it with one component: the floored regression of the row on w. Where the

@@ -100,9 +100,20 @@ double ProductGap(const mvda::detail::PlsGroupGrams& grams, const Matrix& x, con
   return worst;
 }
 
+// Verify with the rows' sums of squares formed here.
+bool Verify(mvda::detail::PlsGroupGrams& grams, const Matrix& x, const Matrix& y) {
+  std::vector<double> ss;
+  for (int i = 1; i <= x.SizeRows(); ++i) {
+    double s = 0;
+    for (int j = 1; j <= x.SizeColumns(); ++j) s += double(x[i][j]) * x[i][j];
+    ss.push_back(s);
+  }
+  return grams.Verify(x, y, ss);
+}
+
 // Deflated component by component, the kept products stay those of the residuals without being
-// formed again; residuals that moved by more than the one component they expect, or a level that
-// skips one, make them formed afresh, and they match again.
+// formed again; residuals that moved by more than the one component they expect fail the check
+// and are formed afresh, as are those of a level that skips one, and they match again.
 TEST(PlsGroupGrams, FollowTheResidualsThroughDeflationAndReformWhenTheyDoNot) {
   Matrix x0, y0;
   MakeData(240, 11, 3, 3, x0, y0);
@@ -114,10 +125,12 @@ TEST(PlsGroupGrams, FollowTheResidualsThroughDeflationAndReformWhenTheyDoNot) {
     model.NextComponent(nullptr, nullptr, true, true);
     const Matrix x = *model.GetXResiduals(), y = *model.GetYResiduals();
     grams.Update(x, y, ids, 5, a - 1, *model.GetWprim(), *model.GetPprim(), *model.GetCprim());
+    EXPECT_TRUE(Verify(grams, x, y));
     EXPECT_EQ(grams.Formations(), 1);
     EXPECT_LT(ProductGap(grams, x, y, ids, 5), 1e-5);
     // A second call at the same level keeps them as they are.
     grams.Update(x, y, ids, 5, a - 1, *model.GetWprim(), *model.GetPprim(), *model.GetCprim());
+    EXPECT_TRUE(Verify(grams, x, y));
     EXPECT_EQ(grams.Formations(), 1);
     model.CalculateResiduals();
   }
@@ -127,7 +140,10 @@ TEST(PlsGroupGrams, FollowTheResidualsThroughDeflationAndReformWhenTheyDoNot) {
   model.CalculateResiduals();
   Matrix x = *model.GetXResiduals(), y = *model.GetYResiduals();
   grams.Update(x, y, ids, 5, 3, *model.GetWprim(), *model.GetPprim(), *model.GetCprim());
+  EXPECT_EQ(grams.Formations(), 1);
+  EXPECT_FALSE(Verify(grams, x, y));
   EXPECT_EQ(grams.Formations(), 2);
+  EXPECT_TRUE(Verify(grams, x, y));
   EXPECT_LT(ProductGap(grams, x, y, ids, 5), 1e-5);
   // A level that skips a deflation.
   model.NextComponent(nullptr, nullptr, true, true);
@@ -136,11 +152,13 @@ TEST(PlsGroupGrams, FollowTheResidualsThroughDeflationAndReformWhenTheyDoNot) {
   x = *model.GetXResiduals(), y = *model.GetYResiduals();
   grams.Update(x, y, ids, 5, 5, *model.GetWprim(), *model.GetPprim(), *model.GetCprim());
   EXPECT_EQ(grams.Formations(), 3);
+  EXPECT_TRUE(Verify(grams, x, y));
   EXPECT_LT(ProductGap(grams, x, y, ids, 5), 1e-5);
   // Another group layout.
   const Groups other = Uneven(240, 4);
   grams.Update(x, y, other, 4, 5, *model.GetWprim(), *model.GetPprim(), *model.GetCprim());
   EXPECT_EQ(grams.Formations(), 4);
+  EXPECT_TRUE(Verify(grams, x, y));
   EXPECT_LT(ProductGap(grams, x, y, other, 4), 1e-5);
 }
 
@@ -186,6 +204,41 @@ TEST(PlsGramCrossValidation, AgreesWithTheFitsOnTheDataForUnequalGroups) {
     plain.CalculateResiduals();
   }
   EXPECT_GT(onGram.GetQ2TotCum(), 0.5f);
+}
+
+// A host that deflates before validating, or skips a component, gets the fits of the residuals it
+// has, as on the data. (Validated after its own deflation, a component leaves the sub-models
+// nothing along w, so their weights and signs are arbitrary: only the predictions are compared.)
+TEST(PlsGramCrossValidation, OutOfTurnValidationFollowsTheResiduals) {
+  Matrix x, y;
+  MakeData(500, 30, 3, 9, x, y);
+  const Vector ySS(3, 1.0f);
+  NCPLS gram(&x, &y, 300), plain(&x, &y, 300);
+  plain.SetGramIterations(false);
+  PLSCrossValidation onGram(&gram, 7, nullptr), onData(&plain, 7, nullptr);
+  for (int a = 1; a <= 4; ++a) {
+    SCOPED_TRACE(a);
+    gram.NextComponent(nullptr, nullptr, true, true);
+    plain.NextComponent(nullptr, nullptr, true, true);
+    if (a == 2) {
+      gram.CalculateResiduals();
+      plain.CalculateResiduals();
+    }
+    if (a != 3) {
+      onGram.NextComponent(&(*gram.GetWprim())[a], 300, ySS, nullptr, true);
+      onData.NextComponent(&(*plain.GetWprim())[a], 300, ySS, nullptr, true);
+      if (a != 2) {
+        EXPECT_LT(Gap(*onGram.GetWSet(), *onData.GetWSet()), 1e-4);
+        EXPECT_LT(Gap(*onGram.GetTSet(), *onData.GetTSet()), 1e-4);
+      }
+      EXPECT_LT(Gap(*onGram.GetYPredResiduals(), *onData.GetYPredResiduals()), 1e-4);
+      EXPECT_NEAR(onGram.GetQ2Tot(), onData.GetQ2Tot(), 1e-5);
+    }
+    if (a != 2) {
+      gram.CalculateResiduals();
+      plain.CalculateResiduals();
+    }
+  }
 }
 
 // The same bits with threading off and on, for data large enough that the products are formed in

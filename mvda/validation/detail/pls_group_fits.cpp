@@ -66,18 +66,45 @@ void YHalfStep(const BatchedRegressions& y, const std::vector<int>& batch,
 
 int Count(const std::vector<int>& rows) { return static_cast<int>(rows.size()); }
 
+// out (N x groups, row-major) = x (N x K, complete) times q' (q: groups x K, row-major), by blocks
+// of rows on the library's team, and with rowSS the sum of squares of every row. Each row is read
+// once while the groups' directions stay in cache, and each product is summed in float lanes in a
+// fixed order: the same bits for any team.
+void GroupScores(const Matrix& x, const float* q, int groups, float* out,
+                 std::vector<double>* rowSS) {
+  const int n = x.SizeRows(), k = x.SizeColumns();
+  const int blocks = (n + kGramBlockRows - 1) / kGramBlockRows;
+  ParallelFor(blocks, [&](int b) {
+    const int last = std::min(n, (b + 1) * kGramBlockRows);
+    for (int i = b * kGramBlockRows; i < last; ++i) {
+      const float* xi = x[i + 1].GetVector() + 1;
+      if (rowSS) (*rowSS)[static_cast<std::size_t>(i)] = PlsGroupGrams::RowSumOfSquares(xi, k);
+      for (int g = 0; g < groups; ++g) {
+        const float* qg = q + static_cast<std::size_t>(g) * k;
+        float sum = 0;
+#pragma omp simd reduction(+ : sum)
+        for (int j = 0; j < k; ++j) sum += xi[j] * qg[j];
+        out[static_cast<std::size_t>(i) * groups + g] = sum;
+      }
+    }
+  });
+}
+
 // The sub-models of complete X and Y with at least as many rows as columns, on the cross
 // products of each group's training rows. Every iteration is then a product with K x K and K x M
 // matrices, and the groups are fitted side by side, each by one thread; one more pass over X forms
-// the scores of all groups.
+// the scores of all groups, and with rowSS the sums of squares of its rows.
 void FitOnGram(const Matrix& x, const Vector& w, int maxIterations,
-               const std::vector<CrossProducts>& training, std::vector<PlsGroupFit>& fits) {
+               const std::vector<CrossProducts>& training, std::vector<PlsGroupFit>& fits,
+               std::vector<double>* rowSS) {
   const int n = x.SizeRows(), k = x.SizeColumns(), m = training.front().m;
   const int groups = static_cast<int>(fits.size());
-  std::vector<float> q(static_cast<std::size_t>(k) * groups);
+  std::vector<float> q(static_cast<std::size_t>(k) * groups);  // one row per group
   ParallelFor(groups, [&](int g) {
     const CrossProducts& products = training[g];
     PlsGroupFit& f = fits[g];
+    f.firstValue = 0;
+    f.iterations = 0;
     // The start as NCPLS::NextComponent(reporter, &w, false, false) takes it: w's Y scores with
     // more than one Y column, the (only) Y column otherwise.
     const PlsGramFit fit = FitPlsOnGram(products.xx, products.xy, products.yy, k, m,
@@ -91,15 +118,14 @@ void FitOnGram(const Matrix& x, const Vector& w, int maxIterations,
     f.c.CopyZeroBasedVector(fit.c.data(), m);
     f.p.CopyZeroBasedVector(fit.p.data(), k);
     for (int j = 0; j < k; ++j)
-      q[static_cast<std::size_t>(j) * groups + g] = static_cast<float>(fit.q[j]);
+      q[static_cast<std::size_t>(g) * k + j] = static_cast<float>(fit.q[j]);
   });
   // t = X q of every group in one pass: the training rows are its scores, the test rows its
   // regressions on w (w / w'w = q).
   std::vector<float> t(static_cast<std::size_t>(n) * groups);
-  RowProducts(x, q.data(), groups, t.data());
+  GroupScores(x, q.data(), groups, t.data(), rowSS);
   for (int g = 0; g < groups; ++g) {
     PlsGroupFit& f = fits[g];
-    f.t = Gather(t, groups, g, n);
     f.testScores.resize(f.test.size());
     for (std::size_t r = 0; r < f.test.size(); ++r) {
       const std::size_t at = static_cast<std::size_t>(f.test[r] - 1) * groups + g;
@@ -124,18 +150,23 @@ void PlsGroupFit::Replay(NCProgress& reporter) const {
 std::vector<PlsGroupFit> FitPlsGroups(const Matrix& x, const Matrix& y, const Vector& w,
                                       const NCIntegralVector<int, -99>& groupIds, int groups,
                                       int maxIterations, bool gram,
-                                      const std::vector<CrossProducts>* training) {
+                                      PlsGroupGrams* grams) {
   const int n = x.SizeRows(), k = x.SizeColumns(), m = y.SizeColumns();
   std::vector<PlsGroupFit> fits(static_cast<std::size_t>(groups));
   for (int i = 1; i <= n; ++i)
     for (int g = 0; g < groups; ++g) (groupIds[i] == g ? fits[g].test : fits[g].train).push_back(i);
   if (gram && x.GetNumMisVal() == 0 && y.GetNumMisVal() == 0 && w.GetNumMisVal() == 0 && n >= k) {
-    if (training) {
-      FitOnGram(x, w, maxIterations, *training, fits);
+    if (grams) {
+      // Kept products are checked against the residuals in the pass that forms the scores, and
+      // the groups fitted again should they no longer match.
+      std::vector<double> rowSS(static_cast<std::size_t>(n));
+      FitOnGram(x, w, maxIterations, grams->Training(), fits, &rowSS);
+      if (!grams->Verify(x, y, rowSS))
+        FitOnGram(x, w, maxIterations, grams->Training(), fits, nullptr);
     } else {
-      PlsGroupGrams grams;
-      grams.Update(x, y, groupIds, groups, 0, Matrix(), Matrix(), Matrix());
-      FitOnGram(x, w, maxIterations, grams.Training(), fits);
+      PlsGroupGrams formed;
+      formed.Update(x, y, groupIds, groups, 0, Matrix(), Matrix(), Matrix());
+      FitOnGram(x, w, maxIterations, formed.Training(), fits, nullptr);
     }
     return fits;
   }

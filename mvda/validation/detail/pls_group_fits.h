@@ -6,8 +6,8 @@
 #include <mvda/containers/data_matrix.h>
 #include <mvda/containers/data_vector.h>
 #include <mvda/containers/integral_vector.h>
-#include <mvda/models/detail/gram.h>
 #include <mvda/platform/progress.h>
+#include <mvda/validation/detail/pls_group_grams.h>
 
 #include <vector>
 
@@ -41,14 +41,15 @@ struct PlsGroupFit {
 // another order. Each group keeps its own iteration count. No group may hold every row. With gram,
 // complete X, Y and w with at least as many rows as X columns are fitted on cross products instead
 // (those without a group are the whole less the group's own), with the same iterations to float
-// precision; training, when given, holds the cross products of each group's training rows of x
-// and y (PlsGroupGrams::Training), else they are formed here. Thread-safety: reads its arguments only; the products and the group
+// precision; grams, when given, holds the cross products of each group's training rows of x and
+// y brought up to date by PlsGroupGrams::Update, which are verified against x and y (and formed
+// again should they not match), else they are formed here. Thread-safety: reads its arguments only; the products and the group
 // fits run on the library's threads and give the same bits for any number of them.
 std::vector<PlsGroupFit> FitPlsGroups(const NCDataMatrix<float>& x, const NCDataMatrix<float>& y,
                                       const NCDataVector<float>& w,
                                       const NCIntegralVector<int, -99>& groupIds, int groups,
                                       int maxIterations, bool gram,
-                                      const std::vector<CrossProducts>* training = nullptr);
+                                      PlsGroupGrams* grams = nullptr);
 
 }  // namespace mvda::detail
 

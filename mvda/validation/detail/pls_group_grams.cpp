@@ -136,11 +136,10 @@ void Deflate(std::vector<double>& a, int n, int m, const double* u, const double
 
 }  // namespace
 
-void PlsGroupGrams::Form(const NCDataMatrix<float>& x, const NCDataMatrix<float>& y,
-                         const NCIntegralVector<int, -99>& ids, int groups) {
+void PlsGroupGrams::Form(const NCDataMatrix<float>& x, const NCDataMatrix<float>& y, int groups) {
   const int n = x.SizeRows(), k = x.SizeColumns(), m = y.SizeColumns();
   std::vector<std::vector<int>> rows(static_cast<std::size_t>(groups));
-  for (int i = 1; i <= n; ++i) rows[static_cast<std::size_t>(ids[i])].push_back(i);
+  for (int i = 1; i <= n; ++i) rows[static_cast<std::size_t>(ids_[i - 1])].push_back(i);
   // The memory of earlier products is reused where the shape allows.
   training_.resize(static_cast<std::size_t>(groups));
   for (CrossProducts& to : training_) {
@@ -186,17 +185,13 @@ void PlsGroupGrams::Update(const NCDataMatrix<float>& x, const NCDataMatrix<floa
                     pprim.SizeRows() >= level && cprim.SizeRows() >= level &&
                     wprim.SizeColumns() == k && pprim.SizeColumns() == k &&
                     cprim.SizeColumns() == m;
-  if (!(same && (step || level == level_))) {
-    level_ = -1;
-    Form(x, y, ids, groups);
-    ids_ = std::move(layout);
-    level_ = level;
-    return;
-  }
-
-  // Marked stale first: should a deflation fail half-way, the next call starts afresh.
+  const bool keep = same && level == level_;
+  // Marked stale first: should anything fail half-way, the next call starts afresh.
   level_ = -1;
-  if (step) {
+  if (!step && !keep) {
+    ids_ = std::move(layout);
+    Form(x, y, groups);
+  } else if (step) {
     // The component's scores are t = X q with q = w / w'w on the rows before the deflation, so
     // X't = (X'X) q, Y't = (X'Y)'q and t't = q'X'X q come from the products themselves; b and f,
     // the same of the deflated rows, are X't - s p and Y't - s c. The training rows of a group
@@ -224,21 +219,21 @@ void PlsGroupGrams::Update(const NCDataMatrix<float>& x, const NCDataMatrix<floa
       Deflate(to.yy, m, m, f.data(), c.data(), f.data(), c.data(), s);
     });
   }
+  level_ = level;
+}
 
-  // The check: each group's traces against the sums of squares of its training rows, the whole
-  // less its own.
-  std::vector<std::vector<int>> rows(static_cast<std::size_t>(groups));
-  for (int i = 1; i <= n; ++i) rows[static_cast<std::size_t>(ids[i])].push_back(i);
-  std::vector<double> ssx(static_cast<std::size_t>(groups)), ssy(static_cast<std::size_t>(groups));
-  ParallelFor(groups, [&](int g) {
-    double sx = 0, sy = 0;
-    for (const int i : rows[static_cast<std::size_t>(g)]) {
-      sx += RowSS(x[i].GetVector() + 1, k);
-      sy += RowSS(y[i].GetVector() + 1, m);
-    }
-    ssx[static_cast<std::size_t>(g)] = sx;
-    ssy[static_cast<std::size_t>(g)] = sy;
-  });
+bool PlsGroupGrams::Verify(const NCDataMatrix<float>& x, const NCDataMatrix<float>& y,
+                           const std::vector<double>& rowSSX) {
+  const int n = x.SizeRows(), k = x.SizeColumns(), m = y.SizeColumns();
+  const int groups = static_cast<int>(training_.size());
+  // Each group's own sums, in row order, and the whole in group order.
+  std::vector<double> ssx(static_cast<std::size_t>(groups), 0.0);
+  std::vector<double> ssy(static_cast<std::size_t>(groups), 0.0);
+  for (int i = 1; i <= n; ++i) {
+    const std::size_t g = static_cast<std::size_t>(ids_[static_cast<std::size_t>(i - 1)]);
+    ssx[g] += rowSSX[static_cast<std::size_t>(i - 1)];
+    ssy[g] += RowSS(y[i].GetVector() + 1, m);
+  }
   double allX = 0, allY = 0;
   for (int g = 0; g < groups; ++g) {
     allX += ssx[static_cast<std::size_t>(g)];
@@ -250,8 +245,14 @@ void PlsGroupGrams::Update(const NCDataMatrix<float>& x, const NCDataMatrix<floa
     matches = Matches(Trace(to.xx, k), allX - ssx[static_cast<std::size_t>(g)]) &&
               Matches(Trace(to.yy, m), allY - ssy[static_cast<std::size_t>(g)]);
   }
-  if (!matches) Form(x, y, ids, groups);
+  if (matches) return true;
+  const int level = level_;
+  level_ = -1;
+  Form(x, y, groups);
   level_ = level;
+  return false;
 }
+
+double PlsGroupGrams::RowSumOfSquares(const float* row, int n) { return RowSS(row, n); }
 
 }  // namespace mvda::detail

@@ -20,9 +20,9 @@ namespace mvda::detail {
 // Moving on by one deflation X -= t p', Y -= t c' with t = X q (q = w / w'w) needs no pass over
 // the data: with s = t_S't_S = q'X_S'X_S q, b = X_S'X_S q - s p and f = X_S'Y_S'q - s c (X_S't_S
 // and Y_S't_S of the deflated rows), X'X -= b p' + p b' + s p p', X'Y -= b c' + p f' + s p c' and
-// Y'Y -= f c' + c f' + s c c'. One pass sums the squares of the residual rows, which the traces of
-// X_S'X_S and Y_S'Y_S must match; when they do not (the residuals moved otherwise, or the deflated
-// products lost too many digits to cancellation), the products are formed again.
+// Y'Y -= f c' + c f' + s c c'. Verify then compares the traces of X_S'X_S and Y_S'Y_S with the
+// sums of squares of the residual rows; when they differ (the residuals moved otherwise, or the
+// deflated products lost too many digits to cancellation), the products are formed again.
 //
 // The products are formed from blocks of at most kGramBlockRows of a group's rows, [X Y] packed
 // side by side so that one syrk gives all three; in double for small data, else in single
@@ -32,26 +32,32 @@ namespace mvda::detail {
 class MVDA_EXPORT PlsGroupGrams {
  public:
   // Brings the products in line with the complete residuals x and y of a model after `level`
-  // deflations, the last of them by row `level` of wprim, pprim and cprim (the model's W, P and C).
-  // ids gives each row's group, 0..groups-1 (N elements). Reuses the products of the previous call
-  // when it was at level - 1 (deflating them) or at level, and their traces match the residuals;
-  // forms them afresh otherwise.
+  // deflations, the last of them by row `level` of wprim, pprim and cprim (the model's W, P and C),
+  // provided that the residuals did move by that deflation alone since the previous call. ids
+  // gives each row's group, 0..groups-1 (N elements). Deflates the products of the previous call
+  // when it was at level - 1, keeps them when it was at level, and forms them afresh otherwise.
   void Update(const NCDataMatrix<float>& x, const NCDataMatrix<float>& y,
               const NCIntegralVector<int, -99>& ids, int groups, int level,
               const NCDataMatrix<float>& wprim, const NCDataMatrix<float>& pprim,
               const NCDataMatrix<float>& cprim);
+  // Whether the products still match the residuals x and y of the last Update, rowSSX holding the
+  // sum of squares of each row of x (RowSumOfSquares; the caller forms it in a pass it makes
+  // anyway); when they do not, they are formed afresh and false is returned.
+  bool Verify(const NCDataMatrix<float>& x, const NCDataMatrix<float>& y,
+              const std::vector<double>& rowSSX);
+  // The sum of squares of n floats as Verify expects it for a row.
+  static double RowSumOfSquares(const float* row, int n);
 
   // Per group, the products of its training rows of the residuals of the last Update.
   const std::vector<CrossProducts>& Training() const { return training_; }
-  // How many times Update formed the products from the data (for tests).
+  // How many times the products were formed from the data (for tests).
   int Formations() const { return formations_; }
 
  private:
-  void Form(const NCDataMatrix<float>& x, const NCDataMatrix<float>& y,
-            const NCIntegralVector<int, -99>& ids, int groups);
+  void Form(const NCDataMatrix<float>& x, const NCDataMatrix<float>& y, int groups);
 
   std::vector<CrossProducts> training_;
-  std::vector<int> ids_;  // the group layout the products were formed for
+  std::vector<int> ids_;  // each row's group, as the products were formed
   int level_ = -1;        // -1: nothing formed (or an update failed half-way)
   int formations_ = 0;
 };

@@ -9,6 +9,8 @@
 #include <cstddef>
 #include <numeric>
 
+#include <cblas.h>
+
 namespace mvda::detail {
 
 namespace {
@@ -66,26 +68,29 @@ void YHalfStep(const BatchedRegressions& y, const std::vector<int>& batch,
 
 int Count(const std::vector<int>& rows) { return static_cast<int>(rows.size()); }
 
-// out (N x groups, row-major) = x (N x K, complete) times q' (q: groups x K, row-major), by blocks
-// of rows on the library's team, and with rowSS the sum of squares of every row. Each row is read
-// once while the groups' directions stay in cache, and each product is summed in float lanes in a
-// fixed order: the same bits for any team.
+// out (N x groups, row-major) = x (N x K, complete) times q' (q: groups x K, row-major), and with
+// rowSS the sum of squares of every row. Blocks of kGramBlockRows rows run on the library's team;
+// within one, rows are packed a few at a time, as many as fit in 128 KiB (a buffer that malloc
+// takes from its heap instead of mapping fresh pages for every block), and multiplied by one
+// single-threaded sgemm: the same bits for any team.
 void GroupScores(const Matrix& x, const float* q, int groups, float* out,
                  std::vector<double>* rowSS) {
   const int n = x.SizeRows(), k = x.SizeColumns();
   const int blocks = (n + kGramBlockRows - 1) / kGramBlockRows;
+  const int batch = std::max(1, std::min(kGramBlockRows, (1 << 15) / std::max(k, 1)));
   ParallelFor(blocks, [&](int b) {
     const int last = std::min(n, (b + 1) * kGramBlockRows);
-    for (int i = b * kGramBlockRows; i < last; ++i) {
-      const float* xi = x[i + 1].GetVector() + 1;
-      if (rowSS) (*rowSS)[static_cast<std::size_t>(i)] = PlsGroupGrams::RowSumOfSquares(xi, k);
-      for (int g = 0; g < groups; ++g) {
-        const float* qg = q + static_cast<std::size_t>(g) * k;
-        float sum = 0;
-#pragma omp simd reduction(+ : sum)
-        for (int j = 0; j < k; ++j) sum += xi[j] * qg[j];
-        out[static_cast<std::size_t>(i) * groups + g] = sum;
+    std::vector<float> packed(static_cast<std::size_t>(batch) * k);
+    for (int first = b * kGramBlockRows; first < last; first += batch) {
+      const int rows = std::min(batch, last - first);
+      for (int r = 0; r < rows; ++r) {
+        const float* xi = x[first + r + 1].GetVector() + 1;
+        std::copy(xi, xi + k, packed.data() + static_cast<std::size_t>(r) * k);
+        if (rowSS)
+          (*rowSS)[static_cast<std::size_t>(first + r)] = PlsGroupGrams::RowSumOfSquares(xi, k);
       }
+      cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasTrans, rows, groups, k, 1.0f, packed.data(), k,
+                  q, k, 0.0f, out + static_cast<std::size_t>(first) * groups, groups);
     }
   });
 }

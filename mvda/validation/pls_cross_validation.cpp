@@ -247,15 +247,19 @@ void PLSCrossValidation::NextComponent(const Vector* w, int maxIterations,
     squares.emplace_back(fit.w);
   }
   const int limit = LeftOutLimit(k);
-  mvda::detail::ParallelFor(n, [&](int r) {
-    const int i = r + 1, g = group_ids_[i];
-    const Vector& row = x[i];
-    if (row.GetNumMisVal() > limit)
-      tp[i] = kMis;
-    else if (!squares[g].FloorBinds(row))
-      tp[i] = regressed[i];
-    else
-      tp[i] = static_cast<float>(fits[g].w.SpecialNipalsRegressFix(row));
+  // By blocks of rows: most rows take the plain regression, too little work to hand out alone.
+  constexpr int kRows = 256;
+  mvda::detail::ParallelFor((n + kRows - 1) / kRows, [&](int b) {
+    for (int i = b * kRows + 1; i <= std::min(n, (b + 1) * kRows); ++i) {
+      const int g = group_ids_[i];
+      const Vector& row = x[i];
+      if (row.GetNumMisVal() > limit)
+        tp[i] = kMis;
+      else if (!squares[g].FloorBinds(row))
+        tp[i] = regressed[i];
+      else
+        tp[i] = static_cast<float>(fits[g].w.SpecialNipalsRegressFix(row));
+    }
   });
 
   for (int g = 0; g < groups_; ++g) {

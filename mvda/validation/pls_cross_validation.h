@@ -51,8 +51,9 @@ class PlsGroupGrams;
 // observation's element of its group's TSet row may differ in sign.
 //
 // The model is not owned and must outlive the object. Copies and assignment copy every matrix
-// and vector (cheaply, copy-on-write) and the pointer to the model. Thread-safety: one object
-// and its model are used by one thread at a time.
+// and vector (cheaply, copy-on-write) and the pointer to the model; the groups' cross products are
+// shared until one of the copies validates a component, which then takes its own. Thread-safety:
+// one object and its model are used by one thread at a time.
 class MVDA_EXPORT PLSCrossValidation : public UStreamBase {
  public:
   using Matrix = NCDataMatrix<float>;

@@ -221,9 +221,8 @@ void PLSCrossValidation::NextComponent(const Vector* w, int maxIterations,
   }
 
   // Complete data go through the groups' cross products, kept from the previous component.
-  const bool gram = model_->GetGramIterations();
   std::shared_ptr<mvda::detail::PlsGroupGrams> grams;
-  if (gram && x.GetNumMisVal() == 0 && y.GetNumMisVal() == 0 && w->GetNumMisVal() == 0 && n >= k) {
+  if (model_->GetGramIterations() && mvda::detail::PlsGroupGrams::Suits(x, y, *w, groups_)) {
     grams = grams_ && grams_.use_count() == 1
                 ? grams_
                 : std::make_shared<mvda::detail::PlsGroupGrams>(
@@ -233,7 +232,7 @@ void PLSCrossValidation::NextComponent(const Vector* w, int maxIterations,
                   *model_->GetCprim());
   }
   const std::vector<GroupFit> fits = mvda::detail::FitPlsGroups(
-      x, y, *w, group_ids_, groups_, maxIterations, gram, grams.get());
+      x, y, *w, group_ids_, groups_, maxIterations, grams.get());
 
   // Each observation scored by the sub-model that left it out, as NCPLSPred(its group's X, W, P,
   // C, 0.9999) scores it with one component: the floored regression of the row on w. Where the

@@ -37,13 +37,14 @@ class PlsGroupGrams;
 // column and in total, for this component and cumulated over the components so far. The
 // sub-models of all groups are fitted in lockstep, each NIPALS step of every group from one pass
 // over the X residuals; they agree with separate NCPLS fits of the training rows to float
-// rounding, and each stops at its own iteration. Complete residuals with at least as many rows as
-// X columns are fitted on cross products instead, as the model fits them (those without a group
-// are the whole less the group's own), unless the model's SetGramIterations(false) keeps its fits
-// on the data. The cross products of each group's own rows are formed at the first such component
-// and deflated with the model's components from then on, so later components cost a few passes
-// over the residuals rather than a product; they are formed again when the residuals no longer
-// match them (a component validated out of turn, or residuals that moved otherwise).
+// rounding, and each stops at its own iteration. Complete residuals with at least G (K + M) rows
+// (so that the products take no more memory than the data) are fitted on cross products instead,
+// as the model fits them (those without a group are the whole less the group's own), unless the
+// model's SetGramIterations(false) keeps its fits on the data. The cross products are formed at
+// the first such component and deflated with the model's components from then on, so that later
+// components cost two passes over the residuals rather than a product; they are formed again when
+// the residuals no longer match them (a component validated out of turn, or residuals that moved
+// otherwise).
 //
 // The W, C, P and T sets hold one row per group for the latest component, sign-aligned with the
 // full model's w; TPred holds each observation's score from the sub-model that left it out, in

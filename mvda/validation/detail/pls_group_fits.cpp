@@ -154,25 +154,18 @@ void PlsGroupFit::Replay(NCProgress& reporter) const {
 // convergence measure then sees exactly the training rows.
 std::vector<PlsGroupFit> FitPlsGroups(const Matrix& x, const Matrix& y, const Vector& w,
                                       const NCIntegralVector<int, -99>& groupIds, int groups,
-                                      int maxIterations, bool gram,
-                                      PlsGroupGrams* grams) {
+                                      int maxIterations, PlsGroupGrams* grams) {
   const int n = x.SizeRows(), k = x.SizeColumns(), m = y.SizeColumns();
   std::vector<PlsGroupFit> fits(static_cast<std::size_t>(groups));
   for (int i = 1; i <= n; ++i)
     for (int g = 0; g < groups; ++g) (groupIds[i] == g ? fits[g].test : fits[g].train).push_back(i);
-  if (gram && x.GetNumMisVal() == 0 && y.GetNumMisVal() == 0 && w.GetNumMisVal() == 0 && n >= k) {
-    if (grams) {
-      // Kept products are checked against the residuals in the pass that forms the scores, and
-      // the groups fitted again should they no longer match.
-      std::vector<double> rowSS(static_cast<std::size_t>(n));
-      FitOnGram(x, w, maxIterations, grams->Training(), fits, &rowSS);
-      if (!grams->Verify(x, y, rowSS))
-        FitOnGram(x, w, maxIterations, grams->Training(), fits, nullptr);
-    } else {
-      PlsGroupGrams formed;
-      formed.Update(x, y, groupIds, groups, 0, Matrix(), Matrix(), Matrix());
-      FitOnGram(x, w, maxIterations, formed.Training(), fits, nullptr);
-    }
+  if (grams) {
+    // The kept products are checked against the residuals in the pass that forms the scores,
+    // and the groups fitted again should they no longer match.
+    std::vector<double> rowSS(static_cast<std::size_t>(n));
+    FitOnGram(x, w, maxIterations, grams->Training(), fits, &rowSS);
+    if (!grams->Verify(x, y, rowSS))
+      FitOnGram(x, w, maxIterations, grams->Training(), fits, nullptr);
     return fits;
   }
   const BatchedRegressions xs(x), ys(y);

@@ -136,6 +136,13 @@ void Deflate(std::vector<double>& a, int n, int m, const double* u, const double
 
 }  // namespace
 
+bool PlsGroupGrams::Suits(const NCDataMatrix<float>& x, const NCDataMatrix<float>& y,
+                          const NCDataVector<float>& w, int groups) {
+  const int n = x.SizeRows(), k = x.SizeColumns(), m = y.SizeColumns();
+  return x.GetNumMisVal() == 0 && y.GetNumMisVal() == 0 && w.GetNumMisVal() == 0 && n >= k &&
+         static_cast<double>(groups) * (k + m) <= n;
+}
+
 void PlsGroupGrams::Form(const NCDataMatrix<float>& x, const NCDataMatrix<float>& y, int groups) {
   const int n = x.SizeRows(), k = x.SizeColumns(), m = y.SizeColumns();
   std::vector<std::vector<int>> rows(static_cast<std::size_t>(groups));

@@ -5,6 +5,7 @@
 #define MVDA_VALIDATION_DETAIL_PLS_GROUP_GRAMS_H_
 
 #include <mvda/containers/data_matrix.h>
+#include <mvda/containers/data_vector.h>
 #include <mvda/containers/integral_vector.h>
 #include <mvda/models/detail/gram.h>
 #include <mvda/mvda_export.h>
@@ -31,6 +32,13 @@ namespace mvda::detail {
 // any thread count. Thread-safety: one object is used by one thread at a time.
 class MVDA_EXPORT PlsGroupGrams {
  public:
+  // Whether the group fits of residuals x (N x K) and y (N x M) in `groups` groups, started from
+  // w, are to run on kept products: x, y and w complete, N >= K, and products no larger than the
+  // data (groups (K + M) <= N; they hold groups K (K + M) doubles, the data N K floats), so that
+  // wide data or many groups cannot make them exhaust the memory.
+  static bool Suits(const NCDataMatrix<float>& x, const NCDataMatrix<float>& y,
+                    const NCDataVector<float>& w, int groups);
+
   // Brings the products in line with the complete residuals x and y of a model after `level`
   // deflations, the last of them by row `level` of wprim, pprim and cprim (the model's W, P and C),
   // provided that the residuals did move by that deflation alone since the previous call. ids

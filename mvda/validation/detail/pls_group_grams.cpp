@@ -37,10 +37,10 @@ struct Scratch {
   std::unique_ptr<T[]> packed, product;
 };
 
-// Adds the blocks of each group's rows, [X Y] packed side by side, multiplied by one
-// single-threaded syrk in precision T per block of at most kGramBlockRows rows (cut by the group's
-// size alone), to the group's products in double, block after block. Groups run on the library's
-// team, each on one thread: the same bits for any team.
+// Each group's products (k, m and the three matrices set here): its rows, [X Y] packed side by
+// side, multiplied by one single-threaded syrk in precision T per block of at most kGramBlockRows
+// rows (cut by the group's size alone), the blocks added in double in order. Groups run on the
+// library's team, each on one thread: the same bits for any team.
 template <class T>
 void Accumulate(const NCDataMatrix<float>& x, const NCDataMatrix<float>& y,
                 const std::vector<std::vector<int>>& rows, std::vector<CrossProducts>& own) {
@@ -63,6 +63,11 @@ void Accumulate(const NCDataMatrix<float>& x, const NCDataMatrix<float>& y,
       scratch.product.reset(new T[square]);
     }
     CrossProducts& to = own[static_cast<std::size_t>(g)];
+    to.k = k;
+    to.m = m;
+    to.xx.assign(static_cast<std::size_t>(k) * k, 0.0);
+    to.xy.assign(static_cast<std::size_t>(k) * m, 0.0);
+    to.yy.assign(static_cast<std::size_t>(m) * m, 0.0);
     const std::vector<int>& list = rows[static_cast<std::size_t>(g)];
     const int count = static_cast<int>(list.size());
     for (int first = 0; first < count; first += kGramBlockRows) {
@@ -147,15 +152,9 @@ void PlsGroupGrams::Form(const NCDataMatrix<float>& x, const NCDataMatrix<float>
   const int n = x.SizeRows(), k = x.SizeColumns(), m = y.SizeColumns();
   std::vector<std::vector<int>> rows(static_cast<std::size_t>(groups));
   for (int i = 1; i <= n; ++i) rows[static_cast<std::size_t>(ids_[i - 1])].push_back(i);
-  // The memory of earlier products is reused where the shape allows.
+  // The memory of earlier products is reused where the shape allows; each group's are cleared by
+  // the piece that sums them.
   training_.resize(static_cast<std::size_t>(groups));
-  for (CrossProducts& to : training_) {
-    to.k = k;
-    to.m = m;
-    to.xx.assign(static_cast<std::size_t>(k) * k, 0.0);
-    to.xy.assign(static_cast<std::size_t>(k) * m, 0.0);
-    to.yy.assign(static_cast<std::size_t>(m) * m, 0.0);
-  }
   if (static_cast<double>(n) * k * (k + m) <= kDoubleWork)
     Accumulate<double>(x, y, rows, training_);
   else

@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
-#include <cstring>
 #include <memory>
 #include <mutex>
 #include <type_traits>
@@ -46,18 +45,23 @@ void Accumulate(const NCDataMatrix<float>& x, const NCDataMatrix<float>& y,
                 const std::vector<std::vector<int>>& rows, std::vector<CrossProducts>& own) {
   const int k = x.SizeColumns(), m = y.SizeColumns(), width = k + m;
   const std::size_t square = static_cast<std::size_t>(width) * width;
-  std::vector<Scratch<T>> pool(static_cast<std::size_t>(std::max(1, TeamSize())));
-  std::vector<int> idle;
-  for (int s = static_cast<int>(pool.size()) - 1; s >= 0; --s) idle.push_back(s);
+  // One scratch per running piece, made when a piece finds none idle: as many as run at once
+  // (held by pointer, so that growing the pool moves none in use).
+  std::vector<std::unique_ptr<Scratch<T>>> pool;
+  std::vector<Scratch<T>*> idle;
   std::mutex lock;
   ParallelFor(static_cast<int>(rows.size()), [&](int g) {
-    int s;
+    Scratch<T>* taken;
     {
       const std::lock_guard<std::mutex> hold(lock);
-      s = idle.back();
+      if (idle.empty()) {
+        pool.push_back(std::make_unique<Scratch<T>>());
+        idle.push_back(pool.back().get());
+      }
+      taken = idle.back();
       idle.pop_back();
     }
-    Scratch<T>& scratch = pool[static_cast<std::size_t>(s)];
+    Scratch<T>& scratch = *taken;
     if (!scratch.packed) {
       scratch.packed.reset(new T[static_cast<std::size_t>(kGramBlockRows) * width]);
       scratch.product.reset(new T[square]);
@@ -107,7 +111,7 @@ void Accumulate(const NCDataMatrix<float>& x, const NCDataMatrix<float>& y,
     for (int j = 0; j < m; ++j)
       for (int l = 0; l < j; ++l) to.yy[At(j, m, l)] = to.yy[At(l, m, j)];
     const std::lock_guard<std::mutex> hold(lock);
-    idle.push_back(s);
+    idle.push_back(taken);
   });
 }
 

@@ -6,6 +6,7 @@
 #include <mvda/platform/progress.h>
 #include <mvda/validation/cv_groups.h>
 #include <mvda/validation/detail/pls_group_fits.h>
+#include <mvda/validation/detail/pls_group_grams.h>
 #include <mvda/validation/detail/q2.h>
 #include <mvda/validation/pls_cross_validation.h>
 
@@ -219,8 +220,19 @@ void PLSCrossValidation::NextComponent(const Vector* w, int maxIterations,
     shown = own.get();
   }
 
+  // Complete data go through the groups' cross products, kept from the previous component.
+  std::shared_ptr<mvda::detail::PlsGroupGrams> grams;
+  if (model_->GetGramIterations() && mvda::detail::PlsGroupGrams::Suits(x, y, *w, groups_)) {
+    grams = grams_ && grams_.use_count() == 1
+                ? grams_
+                : std::make_shared<mvda::detail::PlsGroupGrams>(
+                      grams_ ? *grams_ : mvda::detail::PlsGroupGrams());
+    const int level = model_->GetComponents() - 1;
+    grams->Update(x, y, group_ids_, groups_, level, *model_->GetWprim(), *model_->GetPprim(),
+                  *model_->GetCprim());
+  }
   const std::vector<GroupFit> fits = mvda::detail::FitPlsGroups(
-      x, y, *w, group_ids_, groups_, maxIterations, model_->GetGramIterations());
+      x, y, *w, group_ids_, groups_, maxIterations, grams.get());
 
   // Each observation scored by the sub-model that left it out, as NCPLSPred(its group's X, W, P,
   // C, 0.9999) scores it with one component: the floored regression of the row on w. Where the
@@ -234,15 +246,19 @@ void PLSCrossValidation::NextComponent(const Vector* w, int maxIterations,
     squares.emplace_back(fit.w);
   }
   const int limit = LeftOutLimit(k);
-  mvda::detail::ParallelFor(n, [&](int r) {
-    const int i = r + 1, g = group_ids_[i];
-    const Vector& row = x[i];
-    if (row.GetNumMisVal() > limit)
-      tp[i] = kMis;
-    else if (!squares[g].FloorBinds(row))
-      tp[i] = regressed[i];
-    else
-      tp[i] = static_cast<float>(fits[g].w.SpecialNipalsRegressFix(row));
+  // By blocks of rows: most rows take the plain regression, too little work to hand out alone.
+  constexpr int kRows = 256;
+  mvda::detail::ParallelFor((n + kRows - 1) / kRows, [&](int b) {
+    for (int i = b * kRows + 1; i <= std::min(n, (b + 1) * kRows); ++i) {
+      const int g = group_ids_[i];
+      const Vector& row = x[i];
+      if (row.GetNumMisVal() > limit)
+        tp[i] = kMis;
+      else if (!squares[g].FloorBinds(row))
+        tp[i] = regressed[i];
+      else
+        tp[i] = static_cast<float>(fits[g].w.SpecialNipalsRegressFix(row));
+    }
   });
 
   for (int g = 0; g < groups_; ++g) {
@@ -331,6 +347,7 @@ void PLSCrossValidation::NextComponent(const Vector* w, int maxIterations,
   q2_y_var_cum_ = q2YVarCum;
   ssy_ = ssy;
   ssy_original_ = ssyOriginal;
+  if (grams) grams_ = grams;
   q2_tot_ = q2Tot;
   q2_tot_cum_ = q2TotCum;
 }

@@ -12,7 +12,12 @@
 #include <mvda/platform/stream.h>
 #include <mvda/validation/significance.h>
 
+#include <memory>
+
 class NCProgress;
+namespace mvda::detail {
+class PlsGroupGrams;
+}
 
 // Driven in step with the model, between extracting a component and deflating with it:
 //
@@ -32,10 +37,14 @@ class NCProgress;
 // column and in total, for this component and cumulated over the components so far. The
 // sub-models of all groups are fitted in lockstep, each NIPALS step of every group from one pass
 // over the X residuals; they agree with separate NCPLS fits of the training rows to float
-// rounding, and each stops at its own iteration. Complete residuals with at least as many rows as
-// X columns are fitted on cross products instead, as the model fits them (those without a group
-// are the whole less the group's own), unless the model's SetGramIterations(false) keeps its fits
-// on the data.
+// rounding, and each stops at its own iteration. Complete residuals with at least G (K + M) rows
+// (so that the products take no more memory than the data) are fitted on cross products instead,
+// as the model fits them (those without a group are the whole less the group's own), unless the
+// model's SetGramIterations(false) keeps its fits on the data. The cross products are formed at
+// the first such component and deflated with the model's components from then on, so that later
+// components cost two passes over the residuals rather than a product; they are formed again when
+// the residuals no longer match them (a component validated out of turn, or residuals that moved
+// otherwise).
 //
 // The W, C, P and T sets hold one row per group for the latest component, sign-aligned with the
 // full model's w; TPred holds each observation's score from the sub-model that left it out, in
@@ -43,8 +52,9 @@ class NCProgress;
 // observation's element of its group's TSet row may differ in sign.
 //
 // The model is not owned and must outlive the object. Copies and assignment copy every matrix
-// and vector (cheaply, copy-on-write) and the pointer to the model. Thread-safety: one object
-// and its model are used by one thread at a time.
+// and vector (cheaply, copy-on-write) and the pointer to the model; the groups' cross products are
+// shared until one of the copies validates a component, which then takes its own. Thread-safety:
+// one object and its model are used by one thread at a time.
 class MVDA_EXPORT PLSCrossValidation : public UStreamBase {
  public:
   using Matrix = NCDataMatrix<float>;
@@ -141,6 +151,9 @@ class MVDA_EXPORT PLSCrossValidation : public UStreamBase {
   float q2_tot_ = 0.0f;
   float q2_tot_cum_ = 0.0f;
   GroupVector group_ids_;
+  // The groups' cross products on the complete-data path; shared by copies until one of them
+  // moves on, which then takes its own.
+  std::shared_ptr<mvda::detail::PlsGroupGrams> grams_;
 };
 
 // Fills the missing cells of X from a PLS model of X on Y, when X has any. The model (at most 200

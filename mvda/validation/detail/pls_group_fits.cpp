@@ -1,11 +1,15 @@
+#include <mvda/containers/detail/parallel_for.h>
 #include <mvda/models/detail/gram.h>
 #include <mvda/validation/detail/batched_regressions.h>
 #include <mvda/validation/detail/pls_group_fits.h>
+#include <mvda/validation/detail/pls_group_grams.h>
 
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
 #include <numeric>
+
+#include <cblas.h>
 
 namespace mvda::detail {
 
@@ -64,34 +68,51 @@ void YHalfStep(const BatchedRegressions& y, const std::vector<int>& batch,
 
 int Count(const std::vector<int>& rows) { return static_cast<int>(rows.size()); }
 
-// The sub-models of complete X and Y with at least as many rows as columns, on cross products:
-// those of each group's own rows are formed once, and the training products of group g are the
-// whole less group g's own. Every iteration is then a product with K x K and K x M matrices; one
-// more pass over X forms the scores of all groups.
-void FitOnGram(const Matrix& x, const Matrix& y, const Vector& w, int maxIterations,
-               std::vector<PlsGroupFit>& fits) {
-  const int n = x.SizeRows(), k = x.SizeColumns(), m = y.SizeColumns();
+// out (N x groups, row-major) = x (N x K, complete) times q' (q: groups x K, row-major), and with
+// rowSS the sum of squares of every row. Blocks of kGramBlockRows rows run on the library's team;
+// within one, rows are packed a few at a time, as many as fit in 128 KiB (a buffer that malloc
+// takes from its heap instead of mapping fresh pages for every block), and multiplied by one
+// single-threaded sgemm: the same bits for any team.
+void GroupScores(const Matrix& x, const float* q, int groups, float* out,
+                 std::vector<double>* rowSS) {
+  const int n = x.SizeRows(), k = x.SizeColumns();
+  const int blocks = (n + kGramBlockRows - 1) / kGramBlockRows;
+  const int batch = std::max(1, std::min(kGramBlockRows, (1 << 15) / std::max(k, 1)));
+  ParallelFor(blocks, [&](int b) {
+    const int last = std::min(n, (b + 1) * kGramBlockRows);
+    std::vector<float> packed(static_cast<std::size_t>(batch) * k);
+    for (int first = b * kGramBlockRows; first < last; first += batch) {
+      const int rows = std::min(batch, last - first);
+      for (int r = 0; r < rows; ++r) {
+        const float* xi = x[first + r + 1].GetVector() + 1;
+        std::copy(xi, xi + k, packed.data() + static_cast<std::size_t>(r) * k);
+        if (rowSS)
+          (*rowSS)[static_cast<std::size_t>(first + r)] = PlsGroupGrams::RowSumOfSquares(xi, k);
+      }
+      cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasTrans, rows, groups, k, 1.0f, packed.data(), k,
+                  q, k, 0.0f, out + static_cast<std::size_t>(first) * groups, groups);
+    }
+  });
+}
+
+// The sub-models of complete X and Y with at least as many rows as columns, on the cross
+// products of each group's training rows. Every iteration is then a product with K x K and K x M
+// matrices, and the groups are fitted side by side, each by one thread; one more pass over X forms
+// the scores of all groups, and with rowSS the sums of squares of its rows.
+void FitOnGram(const Matrix& x, const Vector& w, int maxIterations,
+               const std::vector<CrossProducts>& training, std::vector<PlsGroupFit>& fits,
+               std::vector<double>* rowSS) {
+  const int n = x.SizeRows(), k = x.SizeColumns(), m = training.front().m;
   const int groups = static_cast<int>(fits.size());
-  std::vector<std::vector<int>> sets(fits.size());
-  for (int g = 0; g < groups; ++g)
-    for (const int i : fits[g].test) sets[g].push_back(i - 1);
-  const std::vector<CrossProducts> own = FormCrossProducts(x, &y, sets);
-  CrossProducts whole = own.front();
-  for (int g = 1; g < groups; ++g) {
-    for (std::size_t e = 0; e < whole.xx.size(); ++e) whole.xx[e] += own[g].xx[e];
-    for (std::size_t e = 0; e < whole.xy.size(); ++e) whole.xy[e] += own[g].xy[e];
-    for (std::size_t e = 0; e < whole.yy.size(); ++e) whole.yy[e] += own[g].yy[e];
-  }
-  CrossProducts training = whole;
-  std::vector<float> q(static_cast<std::size_t>(k) * groups);
-  for (int g = 0; g < groups; ++g) {
-    for (std::size_t e = 0; e < whole.xx.size(); ++e) training.xx[e] = whole.xx[e] - own[g].xx[e];
-    for (std::size_t e = 0; e < whole.xy.size(); ++e) training.xy[e] = whole.xy[e] - own[g].xy[e];
-    for (std::size_t e = 0; e < whole.yy.size(); ++e) training.yy[e] = whole.yy[e] - own[g].yy[e];
+  std::vector<float> q(static_cast<std::size_t>(k) * groups);  // one row per group
+  ParallelFor(groups, [&](int g) {
+    const CrossProducts& products = training[g];
     PlsGroupFit& f = fits[g];
+    f.firstValue = 0;
+    f.iterations = 0;
     // The start as NCPLS::NextComponent(reporter, &w, false, false) takes it: w's Y scores with
     // more than one Y column, the (only) Y column otherwise.
-    const PlsGramFit fit = FitPlsOnGram(training.xx, training.xy, training.yy, k, m,
+    const PlsGramFit fit = FitPlsOnGram(products.xx, products.xy, products.yy, k, m,
                                         m > 1 ? w.GetVector() + 1 : nullptr, maxIterations, false,
                                         0.0, [&](double value) {
                                           if (f.firstValue == 0 && f.iterations == 0)
@@ -102,15 +123,14 @@ void FitOnGram(const Matrix& x, const Matrix& y, const Vector& w, int maxIterati
     f.c.CopyZeroBasedVector(fit.c.data(), m);
     f.p.CopyZeroBasedVector(fit.p.data(), k);
     for (int j = 0; j < k; ++j)
-      q[static_cast<std::size_t>(j) * groups + g] = static_cast<float>(fit.q[j]);
-  }
+      q[static_cast<std::size_t>(g) * k + j] = static_cast<float>(fit.q[j]);
+  });
   // t = X q of every group in one pass: the training rows are its scores, the test rows its
   // regressions on w (w / w'w = q).
   std::vector<float> t(static_cast<std::size_t>(n) * groups);
-  RowProducts(x, q.data(), groups, t.data());
+  GroupScores(x, q.data(), groups, t.data(), rowSS);
   for (int g = 0; g < groups; ++g) {
     PlsGroupFit& f = fits[g];
-    f.t = Gather(t, groups, g, n);
     f.testScores.resize(f.test.size());
     for (std::size_t r = 0; r < f.test.size(); ++r) {
       const std::size_t at = static_cast<std::size_t>(f.test[r] - 1) * groups + g;
@@ -134,13 +154,18 @@ void PlsGroupFit::Replay(NCProgress& reporter) const {
 // convergence measure then sees exactly the training rows.
 std::vector<PlsGroupFit> FitPlsGroups(const Matrix& x, const Matrix& y, const Vector& w,
                                       const NCIntegralVector<int, -99>& groupIds, int groups,
-                                      int maxIterations, bool gram) {
+                                      int maxIterations, PlsGroupGrams* grams) {
   const int n = x.SizeRows(), k = x.SizeColumns(), m = y.SizeColumns();
   std::vector<PlsGroupFit> fits(static_cast<std::size_t>(groups));
   for (int i = 1; i <= n; ++i)
     for (int g = 0; g < groups; ++g) (groupIds[i] == g ? fits[g].test : fits[g].train).push_back(i);
-  if (gram && x.GetNumMisVal() == 0 && y.GetNumMisVal() == 0 && w.GetNumMisVal() == 0 && n >= k) {
-    FitOnGram(x, y, w, maxIterations, fits);
+  if (grams) {
+    // The kept products are checked against the residuals in the pass that forms the scores,
+    // and the groups fitted again should they no longer match.
+    std::vector<double> rowSS(static_cast<std::size_t>(n));
+    FitOnGram(x, w, maxIterations, grams->Training(), fits, &rowSS);
+    if (!grams->Verify(x, y, rowSS))
+      FitOnGram(x, w, maxIterations, grams->Training(), fits, nullptr);
     return fits;
   }
   const BatchedRegressions xs(x), ys(y);

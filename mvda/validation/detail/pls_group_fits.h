@@ -7,6 +7,7 @@
 #include <mvda/containers/data_vector.h>
 #include <mvda/containers/integral_vector.h>
 #include <mvda/platform/progress.h>
+#include <mvda/validation/detail/pls_group_grams.h>
 
 #include <vector>
 
@@ -37,15 +38,17 @@ struct PlsGroupFit {
 // after maxIterations iterations at the latest, as NCPLS(trainX, trainY, maxIterations)
 // .NextComponent(reporter, &w, false, false) fits it. The results agree with those fits to float
 // rounding: the sums of X and Y are formed by BatchedRegressions, in single precision and in
-// another order. Each group keeps its own iteration count. No group may hold every row. With gram,
-// complete X, Y and w with at least as many rows as X columns are fitted on cross products instead
-// (those without a group are the whole less the group's own), with the same iterations to float
-// precision. Thread-safety: reads its arguments only; the products run on the library's threads
-// and give the same bits for any number of them.
+// another order. Each group keeps its own iteration count. No group may hold every row. With
+// grams (for data that PlsGroupGrams::Suits, brought up to date by its Update), the groups are
+// fitted on the cross products of their training rows instead, with the same iterations to float
+// precision; the products are verified against x and y in the pass that forms the scores, and
+// formed again and the groups refitted should they not match. Thread-safety: reads its arguments
+// only (and grams); the products and the group fits run on the library's threads and give the same
+// bits for any number of them.
 std::vector<PlsGroupFit> FitPlsGroups(const NCDataMatrix<float>& x, const NCDataMatrix<float>& y,
                                       const NCDataVector<float>& w,
                                       const NCIntegralVector<int, -99>& groupIds, int groups,
-                                      int maxIterations, bool gram);
+                                      int maxIterations, PlsGroupGrams* grams);
 
 }  // namespace mvda::detail
 

@@ -72,9 +72,11 @@ struct NCPCA::Kernel {
   // Of the last fit: E'E q with t = E q, and t't, which deflate the Gram matrix.
   std::vector<double> gq;
   double tt = 0;
-  // The cross-validation's Gram matrices of the observation groups, deflated with the model.
+  // The cross-validation's Gram matrices of the observation groups, deflated[0..groupLevel)
+  // applied to them.
   std::vector<int> groupCodes;
   std::vector<std::vector<double>> groupGrams;
+  std::size_t groupLevel = 0;
 };
 
 // ---------------------------------------------------------------------------------------------
@@ -229,23 +231,6 @@ void NCPCA::CalculateResiduals() {
         double* row = kn.gram.data() + static_cast<std::size_t>(j) * k;
         for (int l = 0; l < k; ++l) row[l] += -pd[j] * g[l] - g[j] * pd[l] + kn.tt * pd[j] * pd[l];
       });
-      // Each group's own rows E_g likewise: E_g't_g = E_g'E_g q with q = p / p'p.
-      if (!kn.groupGrams.empty()) {
-        double pp = 0;
-        for (int j = 0; j < k; ++j) pp += pd[j] * pd[j];
-        std::vector<double> q(k), gq(k);
-        for (int j = 0; j < k; ++j) q[j] = pd[j] / pp;
-        for (std::vector<double>& own : kn.groupGrams) {
-          mvda::detail::SymmetricTimes(own, k, q.data(), gq.data());
-          double tt = 0;
-          for (int j = 0; j < k; ++j) tt += q[j] * gq[j];
-          mvda::detail::ParallelFor(k, [&](int j) {
-            double* row = own.data() + static_cast<std::size_t>(j) * k;
-            for (int l = 0; l < k; ++l)
-              row[l] += -pd[j] * gq[l] - gq[j] * pd[l] + tt * pd[j] * pd[l];
-          });
-        }
-      }
       kn.deflated.push_back(a);
       return;
     }
@@ -382,27 +367,59 @@ const NCPCA::Matrix* NCPCA::GetResiduals() const {
 
 bool NCPCA::IsFittingOnGram() const { return kernel_->live; }
 
-const std::vector<std::vector<double>>* NCPCA::GetGroupGrams(const GroupVector& codes,
-                                                             int groups) const {
+bool NCPCA::GetGramState(const GroupVector& codes, int groups,
+                         mvda::detail::PcaGramState& state) const {
   Kernel& kn = *kernel_;
-  if (!kn.live || groups < 1) return nullptr;
-  const int rows = kn.base.SizeRows();
-  if (codes.Size() != rows) return nullptr;
+  const int a = pprim_->SizeRows();
+  if (!kn.live || groups < 1 || kn.fitted.empty() || kn.fitted.back() != a ||
+      kn.levelAt.back() != static_cast<int>(kn.deflated.size()))
+    return false;
+  const int rows = kn.base.SizeRows(), k = kn.k;
+  if (codes.Size() != rows) return false;
   const std::vector<int> wanted(codes.GetPtr() + 1, codes.GetPtr() + 1 + rows);
-  if (wanted == kn.groupCodes && static_cast<int>(kn.groupGrams.size()) == groups)
-    return &kn.groupGrams;
-  std::vector<std::vector<int>> sets(static_cast<std::size_t>(groups));
-  for (int i = 0; i < rows; ++i) {
-    if (wanted[i] < 0 || wanted[i] >= groups) return nullptr;
-    sets[static_cast<std::size_t>(wanted[i])].push_back(i);
+  if (wanted != kn.groupCodes || static_cast<int>(kn.groupGrams.size()) != groups) {
+    std::vector<std::vector<int>> sets(static_cast<std::size_t>(groups));
+    for (int i = 0; i < rows; ++i) {
+      if (wanted[i] < 0 || wanted[i] >= groups) return false;
+      sets[static_cast<std::size_t>(wanted[i])].push_back(i);
+    }
+    std::vector<mvda::detail::CrossProducts> own =
+        mvda::detail::FormCrossProducts(kn.base, nullptr, sets);
+    kn.groupGrams.clear();
+    for (mvda::detail::CrossProducts& c : own) kn.groupGrams.push_back(std::move(c.xx));
+    kn.groupCodes = wanted;
+    kn.groupLevel = 0;
   }
-  Complete(true);
-  std::vector<mvda::detail::CrossProducts> own =
-      mvda::detail::FormCrossProducts(*residuals_, nullptr, sets);
-  kn.groupGrams.clear();
-  for (mvda::detail::CrossProducts& c : own) kn.groupGrams.push_back(std::move(c.xx));
-  kn.groupCodes = wanted;
-  return &kn.groupGrams;
+  // Each group's rows are deflated as the whole: E_g - t_g p' with t_g = E_g p / p'p.
+  for (; kn.groupLevel < kn.deflated.size(); ++kn.groupLevel) {
+    const float* p = (*pprim_)[kn.deflated[kn.groupLevel]].GetVector() + 1;
+    mvda::detail::ParallelFor(groups, [&](int g) {
+      mvda::detail::DeflateGram(kn.groupGrams[static_cast<std::size_t>(g)], k, p);
+    });
+  }
+  state.gram = &kn.gram;
+  state.groupGrams = &kn.groupGrams;
+  const float* p = (*pprim_)[a].GetVector() + 1;
+  double pp = 0;
+  for (int j = 0; j < k; ++j) pp += static_cast<double>(p[j]) * p[j];
+  state.q.resize(static_cast<std::size_t>(k));
+  for (int j = 0; j < k; ++j) state.q[j] = p[j] / pp;
+  state.gq = kn.gq;
+  state.tt = kn.tt;
+  mvda::detail::DeferredResiduals& r = state.residuals;
+  r.base = kn.base;
+  r.q.clear();
+  r.p.clear();
+  for (const int b : kn.deflated) {
+    const float* pb = (*pprim_)[b].GetVector() + 1;
+    std::vector<double> pd(pb, pb + k), qd(static_cast<std::size_t>(k));
+    double s = 0;
+    for (int j = 0; j < k; ++j) s += pd[j] * pd[j];
+    for (int j = 0; j < k; ++j) qd[j] = pd[j] / s;
+    r.p.push_back(std::move(pd));
+    r.q.push_back(std::move(qd));
+  }
+  return true;
 }
 
 void NCPCA::SetGramIterations(bool on) {

@@ -13,6 +13,10 @@
 #include <memory>
 #include <vector>
 
+namespace mvda::detail {
+struct PcaGramState;
+}
+
 // The model keeps the loadings P' (one row per component, one column per variable), the scores T'
 // (one row per component, one column per observation) and the residual matrix E, which starts as
 // a copy of the (already scaled) data. A host fits a component with NextComponent, judges it, and
@@ -107,11 +111,16 @@ class MVDA_EXPORT NCPCA : public UStreamBase {
   // Whether the last fit ran on the Gram matrix and its deferred work stands (false after a fit
   // on E).
   bool IsFittingOnGram() const;
-  // For the cross-validation: the Gram matrices (K x K, row-major, double) of the residual rows of
-  // each observation group (codes 0..groups-1, one per row), formed at the first call and then
-  // deflated with the model, so that later components need no pass over the data for them. Null
-  // while the fits do not run on the Gram matrix. Valid until the next call on the model.
-  const std::vector<std::vector<double>>* GetGroupGrams(const GroupVector& codes, int groups) const;
+  // The shape of the residuals (observations x variables), without completing deferred work.
+  int GetResidualRows() const { return residuals_->SizeRows(); }
+  int GetResidualColumns() const { return residuals_->SizeColumns(); }
+  // For the cross-validation of the last component: when it was fitted on the Gram matrix and the
+  // model has not been deflated by it, fills `state` and returns true; else false. The group Gram
+  // matrices are those of the residual rows of each observation group (codes 0..groups-1, one per
+  // row): formed at the first call from the rows the Gram matrix was formed of, kept with the
+  // model and brought up to its deflations at each call, so that later components need no pass
+  // over the data for them. The pointers are valid until the next call on the model.
+  bool GetGramState(const GroupVector& codes, int groups, mvda::detail::PcaGramState& state) const;
 
   // --- Stream (pca_stream.cpp): record "NCPCA" version 2 and a directory of P' (entry 0), T' (1)
   // and E (2) as NCDataMatrix<float> objects, the maximum of iterations (3) and the iterations of

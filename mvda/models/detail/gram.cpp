@@ -164,6 +164,66 @@ void SymmetricTimes(const std::vector<double>& g, int k, const double* x, double
   cblas_dsymv(CblasRowMajor, CblasUpper, k, 1.0, g.data(), k, x, 1, 0.0, y, 1);
 }
 
+void DeflateGram(std::vector<double>& g, int k, const float* p) {
+  std::vector<double> pd(p, p + k), q(k), gq(k);
+  double pp = 0;
+  for (int j = 0; j < k; ++j) pp += pd[j] * pd[j];
+  for (int j = 0; j < k; ++j) q[j] = pd[j] / pp;
+  SymmetricTimes(g, k, q.data(), gq.data());
+  double tt = 0;
+  for (int j = 0; j < k; ++j) tt += q[j] * gq[j];
+  // (E - t p')'(E - t p') = G - p g' - g p' + (t't) p p', with g = E't = G q.
+  for (int j = 0; j < k; ++j) {
+    double* row = g.data() + static_cast<std::size_t>(j) * k;
+    for (int l = 0; l < k; ++l) row[l] += -pd[j] * gq[l] - gq[j] * pd[l] + tt * pd[j] * pd[l];
+  }
+}
+
+void DeferredResiduals::Times(std::vector<double> v, int w, std::vector<float>& out) const {
+  const int k = base.SizeColumns();
+  // E v = base (I - q_1 p_1') ... (I - q_m p_m') v, applied to v from the right.
+  for (std::size_t b = q.size(); b-- > 0;)
+    for (int h = 0; h < w; ++h) {
+      double overlap = 0;
+      for (int j = 0; j < k; ++j) overlap += p[b][j] * v[static_cast<std::size_t>(j) * w + h];
+      for (int j = 0; j < k; ++j) v[static_cast<std::size_t>(j) * w + h] -= q[b][j] * overlap;
+    }
+  const std::vector<float> vf(v.begin(), v.end());
+  out.resize(static_cast<std::size_t>(base.SizeRows()) * w);
+  RowProducts(base, vf.data(), w, out.data());
+}
+
+NCDataMatrix<float> DeferredResiduals::Form() const {
+  NCDataMatrix<float> e = base;
+  const int n = base.SizeRows(), k = base.SizeColumns(), m = static_cast<int>(q.size());
+  if (m == 0) return e;
+  // t_b = E_b q_b with E_b the residuals before deflation b: q_b carried back through 1..b-1.
+  std::vector<double> v(static_cast<std::size_t>(k) * m, 0.0);
+  for (int b = 0; b < m; ++b) {
+    std::vector<double> d = q[static_cast<std::size_t>(b)];
+    for (int c = b; c-- > 0;) {
+      double overlap = 0;
+      for (int j = 0; j < k; ++j) overlap += p[c][j] * d[j];
+      for (int j = 0; j < k; ++j) d[j] -= q[c][j] * overlap;
+    }
+    for (int j = 0; j < k; ++j) v[static_cast<std::size_t>(j) * m + b] = d[j];
+  }
+  const std::vector<float> vf(v.begin(), v.end());
+  std::vector<float> t(static_cast<std::size_t>(n) * m);
+  RowProducts(base, vf.data(), m, t.data());
+  std::vector<std::vector<float>> columns(static_cast<std::size_t>(m), std::vector<float>(n));
+  std::vector<std::vector<float>> loadings(static_cast<std::size_t>(m));
+  std::vector<const float*> ts, ps;
+  for (int b = 0; b < m; ++b) {
+    for (int i = 0; i < n; ++i) columns[b][i] = t[static_cast<std::size_t>(i) * m + b];
+    loadings[b].assign(p[b].begin(), p[b].end());
+    ts.push_back(columns[b].data());
+    ps.push_back(loadings[b].data());
+  }
+  SubtractOuterProducts(e, ts, ps);
+  return e;
+}
+
 void SubtractOuterProducts(NCDataMatrix<float>& m, const std::vector<const float*>& t,
                            const std::vector<const float*>& p) {
   const int n = m.SizeRows(), k = m.SizeColumns();

@@ -48,6 +48,34 @@ MVDA_EXPORT void SymmetricTimes(const std::vector<double>& g, int k, const doubl
 void SubtractOuterProducts(NCDataMatrix<float>& m, const std::vector<const float*>& t,
                            const std::vector<const float*>& p);
 
+// G (K x K, row-major, both halves) of rows E becomes that of E - t p' with t = E p / p'p: the
+// deflation by a component whose scores are the rows' own regression on p. In double, on the
+// calling thread (callers deflate several matrices in parallel).
+MVDA_EXPORT void DeflateGram(std::vector<double>& g, int k, const float* p);
+
+// Residuals kept deferred as base (I - q_1 p_1') ... (I - q_m p_m'), q = p / p'p: E after m
+// deflations by components whose scores are E's own regressions on their loadings. A value: base
+// shares its rows copy-on-write, so later writes to the model's residuals do not reach it.
+struct DeferredResiduals {
+  NCDataMatrix<float> base;
+  std::vector<std::vector<double>> q, p;  // of each deflation, in order
+
+  // out (N x w, row-major) = E v for v (K x w, row-major): the directions carried back through
+  // the deflations, then one pass over base.
+  MVDA_EXPORT void Times(std::vector<double> v, int w, std::vector<float>& out) const;
+  // E itself: the scores of every deflation in one pass, subtracted from a copy of base.
+  MVDA_EXPORT NCDataMatrix<float> Form() const;
+};
+
+// What the cross-validation of the last component reads of a model fitted on the Gram matrix.
+struct PcaGramState {
+  const std::vector<double>* gram = nullptr;                     // E'E, K x K
+  const std::vector<std::vector<double>>* groupGrams = nullptr;  // E_g'E_g of each row group
+  std::vector<double> q, gq;  // the last component: t = E q, E't = gq
+  double tt = 0;              // t't
+  DeferredResiduals residuals;
+};
+
 // One PCA component by NIPALS on a Gram matrix G = E'E (K x K), as NCPCA::NextComponent iterates
 // on E: p = the floored column regression E't / t't normalised, t = E p / p'p, until the
 // measure c = 10 (log10 d + 10) of d = sum (t - t_old)^2 / sum t^2 reaches 0 or maxIterations

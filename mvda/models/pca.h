@@ -30,13 +30,15 @@ struct PcaGramState;
 // Complete data: while E has no missing value and at least as many rows as columns, the NIPALS
 // iterations run on the Gram matrix E'E (K x K) instead of on E: p is proportional to E'E times
 // the previous p, and the convergence measure is formed from it, sum (t - t_old)^2 = dq' E'E dq
-// with t = E q. These are the same iterations, with the same start, measure and stopping rule, so
-// components and iteration counts agree with the iterations on E to float precision, while one
-// pass over the data (forming E'E) serves every component. Deflation then updates E'E, and the
-// scores and residuals are formed when first read, all components in one product. The matrices
-// are therefore to be read through GetTprim and GetResiduals, which complete that work (a pointer
-// kept from an earlier call sees it once any of them has been called again). SetGramIterations
-// (false) keeps every fit on E.
+// with t = E q. With fewer rows than columns (wide data, e.g. spectra) they run on EE' (N x N)
+// instead: t is proportional to EE' times the previous t, and the loading is formed from the last
+// scores by one pass over the data. These are the same iterations, with the same start, measure
+// and stopping rule, so components and iteration counts agree with the iterations on E to float
+// precision, while one pass over the data (forming the Gram matrix) serves every component.
+// Deflation then updates the Gram matrix, and the scores (on E'E) and residuals are formed when
+// first read, all components in one product. The matrices are therefore to be read through
+// GetTprim and GetResiduals, which complete that work (a pointer kept from an earlier call sees
+// it once any of them has been called again). SetGramIterations(false) keeps every fit on E.
 //
 // Thread-safety: one model, with every copy sharing its matrices, is driven by one thread at a
 // time, reads included. The projections inside NextComponent run on the library's threads
@@ -140,6 +142,7 @@ class MVDA_EXPORT NCPCA : public UStreamBase {
  private:
   struct Kernel;  // the Gram matrix and the deferred work, shared by copies (pca.cpp)
   bool FitOnGram(NCProgress* progress);
+  bool FitOnRowGram(NCProgress* progress);
   void Complete(bool residuals) const;  // forms the deferred scores (and residuals)
   void LeaveGram() const;               // completes, and the next fit starts afresh
   void DropGram() const;                // forgets the deferred work, for matrices being replaced

@@ -143,6 +143,83 @@ std::vector<CrossProducts> FormCrossProducts(const NCDataMatrix<float>& x,
   return out;
 }
 
+namespace {
+
+// RowGram in precision T: columns [first, first + count) of every row packed into an N x count
+// block, whose X X' one syrk forms.
+template <class T>
+std::vector<double> RowGramIn(const NCDataMatrix<float>& x) {
+  const int n = x.SizeRows(), k = x.SizeColumns();
+  const std::size_t nn = static_cast<std::size_t>(n) * n;
+  std::vector<double> sum(nn, 0.0);
+  const int blocks = (k + kGramBlockRows - 1) / kGramBlockRows;
+  const int slots = std::min(kWave, blocks);
+  std::vector<std::vector<T>> packed(static_cast<std::size_t>(slots)),
+      product(static_cast<std::size_t>(slots));
+  for (int wave = 0; wave < blocks; wave += kWave) {
+    const int width = std::min(kWave, blocks - wave);
+    ParallelFor(width, [&](int w) {
+      const int first = (wave + w) * kGramBlockRows, count = std::min(kGramBlockRows, k - first);
+      std::vector<T>& a = packed[static_cast<std::size_t>(w)];
+      std::vector<T>& c = product[static_cast<std::size_t>(w)];
+      a.resize(static_cast<std::size_t>(n) * count);
+      c.resize(nn);
+      for (int i = 0; i < n; ++i) {
+        const float* row = x[i + 1].GetVector() + 1 + first;
+        std::copy(row, row + count, a.begin() + static_cast<std::ptrdiff_t>(i) * count);
+      }
+      if constexpr (std::is_same_v<T, float>)
+        cblas_ssyrk(CblasRowMajor, CblasUpper, CblasNoTrans, n, count, 1.0f, a.data(), count, 0.0f,
+                    c.data(), n);
+      else
+        cblas_dsyrk(CblasRowMajor, CblasUpper, CblasNoTrans, n, count, 1.0, a.data(), count, 0.0,
+                    c.data(), n);
+    });
+    ParallelFor((n + 63) / 64, [&](int band) {
+      for (int i = band * 64; i < std::min(n, band * 64 + 64); ++i)
+        for (int w = 0; w < width; ++w) {
+          const T* from =
+              product[static_cast<std::size_t>(w)].data() + static_cast<std::size_t>(i) * n;
+          double* to = sum.data() + static_cast<std::size_t>(i) * n;
+          for (int l = i; l < n; ++l) to[l] += from[l];
+        }
+    });
+  }
+  for (int i = 0; i < n; ++i)
+    for (int l = 0; l < i; ++l)
+      sum[static_cast<std::size_t>(i) * n + l] = sum[static_cast<std::size_t>(l) * n + i];
+  return sum;
+}
+
+}  // namespace
+
+std::vector<double> RowGram(const NCDataMatrix<float>& x) {
+  const double work = static_cast<double>(x.SizeRows()) * x.SizeRows() * x.SizeColumns();
+  return work <= kDoubleWork ? RowGramIn<double>(x) : RowGramIn<float>(x);
+}
+
+void TransposeTimes(const NCDataMatrix<float>& x, const double* v, int w, double* out) {
+  const int n = x.SizeRows(), k = x.SizeColumns();
+  constexpr int kBand = 256;
+  ParallelFor((k + kBand - 1) / kBand, [&](int band) {
+    const int first = band * kBand, count = std::min(kBand, k - first);
+    // Per direction a contiguous accumulator, so that the loop over the band's columns vectorises.
+    std::vector<double> acc(static_cast<std::size_t>(w) * count, 0.0);
+    for (int i = 0; i < n; ++i) {
+      const float* row = x[i + 1].GetVector() + 1 + first;
+      for (int h = 0; h < w; ++h) {
+        const double c = v[static_cast<std::size_t>(i) * w + h];
+        double* a = acc.data() + static_cast<std::size_t>(h) * count;
+        for (int j = 0; j < count; ++j) a[j] += row[j] * c;
+      }
+    }
+    for (int j = 0; j < count; ++j)
+      for (int h = 0; h < w; ++h)
+        out[static_cast<std::size_t>(first + j) * w + h] =
+            acc[static_cast<std::size_t>(h) * count + j];
+  });
+}
+
 void RowProducts(const NCDataMatrix<float>& x, const float* v, int q, float* out) {
   const int n = x.SizeRows(), k = x.SizeColumns();
   if (n == 0 || q == 0) return;

@@ -39,6 +39,16 @@ MVDA_EXPORT std::vector<CrossProducts> FormCrossProducts(
 // directions in one pass over x, by blocks of rows on the library's team.
 MVDA_EXPORT void RowProducts(const NCDataMatrix<float>& x, const float* v, int q, float* out);
 
+// X X' (N x N, row-major, full, in double) of a complete x: the Gram matrix of the rows, on which
+// the PCA of wide data (more columns than rows) iterates. Blocks of kGramBlockRows columns cut by
+// the sizes alone, one single-threaded syrk each, their sums added in double in block order: the
+// same bits for any team. Small data (N N K up to 2^25) in double, larger in single precision.
+MVDA_EXPORT std::vector<double> RowGram(const NCDataMatrix<float>& x);
+
+// out (K x w, row-major) = x' v for a complete x (N x K) and v (N x w, row-major), in double:
+// bands of 256 columns on the library's team, each summing its rows in order.
+MVDA_EXPORT void TransposeTimes(const NCDataMatrix<float>& x, const double* v, int w, double* out);
+
 // y = G x for a symmetric K x K matrix G (row-major, both halves present).
 MVDA_EXPORT void SymmetricTimes(const std::vector<double>& g, int k, const double* x, double* y);
 

@@ -335,8 +335,7 @@ bool NCPCA::FitOnRowGram(NCProgress* progress) {
     kn.k = kn.base.SizeColumns();
     kn.wide = true;
     kn.gram = mvda::detail::RowGram(kn.base);
-    kn.columnSS.resize(static_cast<std::size_t>(kn.k));
-    for (int j = 0; j < kn.k; ++j) kn.columnSS[j] = static_cast<double>(kn.base.GetColumnSS(j + 1));
+    kn.columnSS = mvda::detail::ColumnSumsOfSquares(kn.base);
     kn.live = true;
   }
   const int k = kn.k, n = kn.base.SizeRows();

@@ -220,6 +220,21 @@ void TransposeTimes(const NCDataMatrix<float>& x, const double* v, int w, double
   });
 }
 
+std::vector<double> ColumnSumsOfSquares(const NCDataMatrix<float>& x) {
+  const int n = x.SizeRows(), k = x.SizeColumns();
+  constexpr int kBand = 256;
+  std::vector<double> out(static_cast<std::size_t>(k), 0.0);
+  ParallelFor((k + kBand - 1) / kBand, [&](int band) {
+    const int first = band * kBand, count = std::min(kBand, k - first);
+    double* a = out.data() + first;
+    for (int i = 0; i < n; ++i) {
+      const float* row = x[i + 1].GetVector() + 1 + first;
+      for (int j = 0; j < count; ++j) a[j] += static_cast<double>(row[j]) * row[j];
+    }
+  });
+  return out;
+}
+
 void RowProducts(const NCDataMatrix<float>& x, const float* v, int q, float* out) {
   const int n = x.SizeRows(), k = x.SizeColumns();
   if (n == 0 || q == 0) return;

@@ -49,6 +49,9 @@ MVDA_EXPORT std::vector<double> RowGram(const NCDataMatrix<float>& x);
 // bands of 256 columns on the library's team, each summing its rows in order.
 MVDA_EXPORT void TransposeTimes(const NCDataMatrix<float>& x, const double* v, int w, double* out);
 
+// The sum of squares of each column of a complete x, in double, bands of columns on the team.
+MVDA_EXPORT std::vector<double> ColumnSumsOfSquares(const NCDataMatrix<float>& x);
+
 // y = G x for a symmetric K x K matrix G (row-major, both halves present).
 MVDA_EXPORT void SymmetricTimes(const std::vector<double>& g, int k, const double* x, double* y);
 

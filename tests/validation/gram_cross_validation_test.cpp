@@ -108,6 +108,7 @@ void ExpectPcaPathsAgree(const Matrix& x, int components) {
     EXPECT_LT(Gap(varGram, varPlain), 1e-4);
     gram.CalculateResiduals();
     plain.CalculateResiduals();
+    gram.GetResiduals();                    // the model's residuals are now written
     const PCACrossValidation copy(onGram);  // forms its own
     EXPECT_LT(Gap(*copy.GetTSet(), *onData.GetTSet()), 1e-4);
     EXPECT_LT(Gap(*onGram.GetTSet(), *onData.GetTSet()), 1e-4);

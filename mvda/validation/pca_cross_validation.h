@@ -103,7 +103,8 @@ class MVDA_EXPORT PCACrossValidation {
   const Matrix* GetPSet() const { return &pset_; }
   // On complete residuals fitted on Gram matrices these two are formed at the first read after
   // NextComponent, from the residuals as they were then (later deflations of the model do not
-  // change them): most hosts read only the Q2 figures.
+  // change them): most hosts read only the Q2 figures. Until then the object shares the rows the
+  // model's Gram matrix was formed of, which keeps them alive should the model replace them.
   const Matrix* GetTSet() const;
   const Matrix* GetXPredResiduals() const;
   const Vector* GetQ2XVar() const { return &q2_x_var_; }

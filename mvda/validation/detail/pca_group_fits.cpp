@@ -1,4 +1,5 @@
-// FitPcaGroups: the cross-validation's NIPALS fits of all groups on one BatchedRegressions, and
+// FitPcaGroups, FitPcaGroupsOnGram and GramPress: the NIPALS fits of all groups of a PCA
+// cross-validation, on one BatchedRegressions or on Gram matrices, the PRESS from the latter, and
 // the replay of their progress.
 #include <mvda/containers/detail/parallel_for.h>
 #include <mvda/models/detail/gram.h>

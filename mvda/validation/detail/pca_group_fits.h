@@ -1,5 +1,6 @@
-// PcaGroupFit, FitPcaGroups: the one-component NIPALS fits of a PCA cross-validation, every group
-// advanced in lockstep on one copy of the residuals, and the replay of each fit's progress.
+// PcaGroupFit, FitPcaGroups, FitPcaGroupsOnGram, GramPress: the one-component NIPALS fits of a PCA
+// cross-validation, every group advanced in lockstep on one copy of the residuals or fitted on
+// Gram matrices, the PRESS of the latter, and the replay of each fit's progress.
 #ifndef MVDA_VALIDATION_DETAIL_PCA_GROUP_FITS_H_
 #define MVDA_VALIDATION_DETAIL_PCA_GROUP_FITS_H_
 

@@ -34,11 +34,25 @@ struct Slot {
   std::unique_ptr<float[]> packed, product;
 };
 
-std::vector<double> GramBySyrk(const float* const* rows, int k, int n, std::vector<Slot>& slots) {
+// X'X of each set of rows (rows[s] points at element 1 of every row of set s). The blocks of all
+// sets form one list, set after set, cut into waves; a wave's products are added to their sets'
+// sums in list order, so each set's sum is the same bits as with the set alone, while the waves
+// stay full when a set has fewer blocks than the team has threads.
+std::vector<std::vector<double>> GramsBySyrk(const std::vector<std::vector<const float*>>& rows,
+                                             int k, std::vector<Slot>& slots) {
   const std::size_t kk = static_cast<std::size_t>(k) * k;
-  std::vector<double> sum(kk, 0.0);
-  if (k == 0) return sum;
-  const int blocks = (n + kGramBlockRows - 1) / kGramBlockRows;
+  std::vector<std::vector<double>> sums(rows.size(), std::vector<double>(kk, 0.0));
+  if (k == 0) return sums;
+  struct Piece {
+    std::size_t set;
+    int first, count;
+  };
+  std::vector<Piece> pieces;
+  for (std::size_t s = 0; s < rows.size(); ++s) {
+    const int n = static_cast<int>(rows[s].size());
+    for (int first = 0; first < n; first += kGramBlockRows)
+      pieces.push_back({s, first, std::min(kGramBlockRows, n - first)});
+  }
   if (slots.empty()) {
     slots.resize(kWave);
     for (Slot& slot : slots) {
@@ -46,39 +60,44 @@ std::vector<double> GramBySyrk(const float* const* rows, int k, int n, std::vect
       slot.product.reset(new float[kk]);
     }
   }
-  for (int wave = 0; wave < blocks; wave += kWave) {
-    const int width = std::min(kWave, blocks - wave);
+  const int count = static_cast<int>(pieces.size());
+  for (int wave = 0; wave < count; wave += kWave) {
+    const int width = std::min(kWave, count - wave);
     ParallelFor(width, [&](int w) {
-      const int first = (wave + w) * kGramBlockRows, count = std::min(kGramBlockRows, n - first);
+      const Piece& piece = pieces[static_cast<std::size_t>(wave + w)];
       Slot& slot = slots[static_cast<std::size_t>(w)];
-      for (int r = 0; r < count; ++r)
-        std::memcpy(slot.packed.get() + static_cast<std::size_t>(r) * k, rows[first + r],
+      const float* const* from = rows[piece.set].data() + piece.first;
+      for (int r = 0; r < piece.count; ++r)
+        std::memcpy(slot.packed.get() + static_cast<std::size_t>(r) * k, from[r],
                     sizeof(float) * k);
-      cblas_ssyrk(CblasRowMajor, CblasUpper, CblasTrans, k, count, 1.0f, slot.packed.get(), k, 0.0f,
-                  slot.product.get(), k);
+      cblas_ssyrk(CblasRowMajor, CblasUpper, CblasTrans, k, piece.count, 1.0f, slot.packed.get(), k,
+                  0.0f, slot.product.get(), k);
     });
-    // Rows of the sum are independent; each adds the wave's blocks in block order.
+    // Rows of the sums are independent; each adds the wave's blocks in list order.
     ParallelFor((k + 63) / 64, [&](int band) {
       for (int j = band * 64; j < std::min(k, band * 64 + 64); ++j)
         for (int w = 0; w < width; ++w) {
           const float* from =
               slots[static_cast<std::size_t>(w)].product.get() + static_cast<std::size_t>(j) * k;
-          double* to = sum.data() + static_cast<std::size_t>(j) * k;
+          double* to = sums[pieces[static_cast<std::size_t>(wave + w)].set].data() +
+                       static_cast<std::size_t>(j) * k;
           for (int l = j; l < k; ++l) to[l] += from[l];
         }
     });
   }
-  for (int j = 0; j < k; ++j)
-    for (int l = 0; l < j; ++l)
-      sum[static_cast<std::size_t>(j) * k + l] = sum[static_cast<std::size_t>(l) * k + j];
-  return sum;
+  for (std::vector<double>& sum : sums)
+    for (int j = 0; j < k; ++j)
+      for (int l = 0; l < j; ++l)
+        sum[static_cast<std::size_t>(j) * k + l] = sum[static_cast<std::size_t>(l) * k + j];
+  return sums;
 }
 
 template <class T>
 std::vector<double> Product(const T* const* a, int aCols, const T* const* b, int bCols, int rows,
                             std::vector<Slot>& slots) {
   if constexpr (std::is_same_v<T, float>)
-    if (!b) return GramBySyrk(a, aCols, rows, slots);
+    if (!b)
+      return std::move(GramsBySyrk({std::vector<const float*>(a, a + rows)}, aCols, slots)[0]);
   std::vector<T> out(static_cast<std::size_t>(aCols) * (b ? bCols : aCols), T(0));
   BlockedCrossProduct(a, aCols, b, bCols, rows, out.data());
   return {out.begin(), out.end()};
@@ -123,6 +142,23 @@ std::vector<CrossProducts> FormCrossProducts(const NCDataMatrix<float>& x,
   std::vector<CrossProducts> out(sets);
   std::vector<const float*> xs, ys;
   std::vector<Slot> slots;
+  const bool single = static_cast<double>(x.SizeRows()) * k * (k + m) > kDoubleWork;
+  if (single && !y) {  // X'X alone, of every set in one list of blocks
+    std::vector<std::vector<const float*>> rows(sets);
+    for (std::size_t s = 0; s < sets; ++s) {
+      const int n = rowSets.empty() ? x.SizeRows() : static_cast<int>(rowSets[s].size());
+      for (int r = 0; r < n; ++r) {
+        const int i = rowSets.empty() ? r + 1 : rowSets[s][static_cast<std::size_t>(r)] + 1;
+        rows[s].push_back(x[i].GetVector() + 1);
+      }
+    }
+    std::vector<std::vector<double>> grams = GramsBySyrk(rows, k, slots);
+    for (std::size_t s = 0; s < sets; ++s) {
+      out[s].k = k;
+      out[s].xx = std::move(grams[s]);
+    }
+    return out;
+  }
   for (std::size_t s = 0; s < sets; ++s) {
     const int n = rowSets.empty() ? x.SizeRows() : static_cast<int>(rowSets[s].size());
     xs.resize(static_cast<std::size_t>(n));
@@ -135,7 +171,7 @@ std::vector<CrossProducts> FormCrossProducts(const NCDataMatrix<float>& x,
     CrossProducts& to = out[s];
     to.k = k;
     to.m = m;
-    if (static_cast<double>(x.SizeRows()) * k * (k + m) <= kDoubleWork)
+    if (!single)
       Products<double>(xs, k, ys, m, y != nullptr, to, slots);
     else
       Products<float>(xs, k, ys, m, y != nullptr, to, slots);

@@ -167,8 +167,9 @@ bool NCPCA::NextComponent(NCProgress* progress, const GroupVector* groups, int g
     Fail("NextComponent", "variable groups of length " + std::to_string(groups->Size()) + " for " +
                               std::to_string(cols) + " variables");
 
-  // The Gram path needs complete data, and pays when there are at least as many rows as columns;
-  // a start vector or a group of variables left out keep the fit on E.
+  // The Gram paths need complete data: E'E with at least as many rows as columns, E E' with fewer,
+  // whichever is the smaller matrix. A start vector or a group of variables left out keep the fit
+  // on E.
   Kernel& kernel = *kernel_;
   if (gram_iterations_ && !groups && !start && rows > 1 && (kernel.live || E.GetNumMisVal() == 0)) {
     if (rows >= cols) return FitOnGram(progress);

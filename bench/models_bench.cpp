@@ -16,6 +16,7 @@
 // The fit includes reading the scores (GetTprim), which forms them.
 // Bytes processed: two passes over the matrix per iteration. Times are wall-clock times with the
 // library's default threading (on, with every processor).
+// BM_Pca5ComponentsWide: the same fit of wide data (200 x 5000), on E E' against on the data.
 #include <mvda/containers/data_matrix.h>
 #include <mvda/models/pca.h>
 #include <mvda/platform/progress.h>
@@ -29,6 +30,7 @@
 #include <cblas.h>
 
 #include "latent_data.h"
+#include "threading_for.h"
 
 namespace {
 
@@ -263,6 +265,51 @@ BENCHMARK(BM_FitStep)
     ->ArgsProduct({{0, 1, 2, 3}, {0, 1}})
     ->Unit(benchmark::kMillisecond)
     ->UseManualTime();
+
+// Wide data, as spectra are: 5 components of a complete 200 x 5000 matrix, on E E' (gram:1, the
+// default for complete wide data) against the iterations on the data (gram:0,
+// SetGramIterations(false)), in the same run; threading on with every processor (threads:1) or
+// off (threads:0). Counters: iterations of the 5 components, which
+// must be the same on both paths (the reported figures agree to float precision).
+constexpr int kWideRows = 200;
+constexpr int kWideColumns = 5000;
+
+const LatentData& GetWide() {
+  static const LatentData data = MakeLatentData(kWideRows, kWideColumns, 6, 0.75f, 0.3f, 43);
+  return data;
+}
+
+void BM_Pca5ComponentsWide(benchmark::State& state) {
+  const ThreadingFor threading(state, 1);
+  const NCDataMatrix<float>& x = GetWide().complete;
+  NCProgress silent;
+  NCPCA model;
+  int iterations = 0;
+  for (auto _ : state) {
+    model = NCPCA(&x, kMaxIterations);
+    model.SetGramIterations(state.range(0) != 0);
+    iterations = 0;
+    for (int a = 1; a <= kComponents; ++a) {
+      model.NextComponent(&silent, nullptr, 0, nullptr);
+      iterations += model.GetIterations();
+      model.CalculateResiduals();
+    }
+    benchmark::DoNotOptimize(model.GetTprim());
+  }
+  state.counters["iterations"] = iterations;
+  // X = T P' + E at one cell: the scores, loadings and residuals belong together.
+  const NCDataMatrix<float>&t = *model.GetTprim(), &p = *model.GetPprim();
+  double rebuilt = (*model.GetResiduals())[7][11];
+  for (int a = 1; a <= kComponents; ++a) rebuilt += double(t[a][7]) * p[a][11];
+  if (model.IsFittingOnGram() != (state.range(0) != 0) ||
+      std::abs(rebuilt - x[7][11]) > 1e-3 * (std::abs(x[7][11]) + 1))
+    state.SkipWithError("the fit computed something else");
+}
+BENCHMARK(BM_Pca5ComponentsWide)
+    ->ArgNames({"gram", "threads"})
+    ->ArgsProduct({{1, 0}, {1, 0}})
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
 
 }  // namespace
 

@@ -6,7 +6,10 @@
 //
 // BM_PcaCv5Components fits, validates and deflates component after component, as a host does; its
 // reported time is the 5 cross-validations alone (manual time), the fits are reported beside it.
-// The second argument switches threading off (0) or on with every processor (1).
+// The second argument switches threading off (0) or on with every processor (1); the third keeps
+// the model on the Gram matrix where the data allow it (1, the default) or forces every fit of
+// model and validation onto the data (0, NCPCA::SetGramIterations(false)), the comparison for the
+// complete data.
 // Counters:
 //   fit_ms           the 5 model components of the same run (NextComponent + CalculateResiduals)
 //   cv_iterations    NIPALS iterations of the 70 group fits (2 per group and component; at most
@@ -136,6 +139,7 @@ void BM_PcaCv5Components(benchmark::State& state) {
     fit = 0;
     counter.iterations = 0;
     model = NCPCA(&x, kMaxIterations);
+    model.SetGramIterations(state.range(2) != 0);
     float q2TotCum = 0;
     NCDataVector<float> q2XVarCum(kColumns, 0.0f);
     for (int a = 1; a <= kComponents; ++a) {
@@ -171,8 +175,13 @@ void BM_PcaCv5Components(benchmark::State& state) {
     state.SkipWithError("the cross-validation computed something else");
 }
 BENCHMARK(BM_PcaCv5Components)
-    ->ArgNames({"missing10pct", "threads"})
-    ->ArgsProduct({{0, 1}, {1, 0}})
+    ->ArgNames({"missing10pct", "threads", "gram"})
+    ->Args({0, 1, 1})
+    ->Args({0, 1, 0})
+    ->Args({1, 1, 1})
+    ->Args({0, 0, 1})
+    ->Args({0, 0, 0})
+    ->Args({1, 0, 1})
     ->Unit(benchmark::kMillisecond)
     ->UseManualTime();
 

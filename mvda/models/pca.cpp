@@ -72,9 +72,15 @@ struct NCPCA::Kernel {
   // Of the last fit: E'E q with t = E q, and t't, which deflate the Gram matrix.
   std::vector<double> gq;
   double tt = 0;
-  // The cross-validation's Gram matrices of the observation groups, deflated with the model.
+  // Wide data (fewer rows than columns): gram is E E' (N x N), the scores are written at the fit,
+  // gq is E't, and the column sums of squares of E pick each start column.
+  bool wide = false;
+  std::vector<double> columnSS;
+  // The cross-validation's Gram matrices of the observation groups, deflated[0..groupLevel)
+  // applied to them.
   std::vector<int> groupCodes;
   std::vector<std::vector<double>> groupGrams;
+  std::size_t groupLevel = 0;
 };
 
 // ---------------------------------------------------------------------------------------------
@@ -161,12 +167,14 @@ bool NCPCA::NextComponent(NCProgress* progress, const GroupVector* groups, int g
     Fail("NextComponent", "variable groups of length " + std::to_string(groups->Size()) + " for " +
                               std::to_string(cols) + " variables");
 
-  // The Gram path needs complete data, and pays when there are at least as many rows as columns;
-  // a start vector or a group of variables left out keep the fit on E.
+  // The Gram paths need complete data: E'E with at least as many rows as columns, E E' with fewer,
+  // whichever is the smaller matrix. A start vector or a group of variables left out keep the fit
+  // on E.
   Kernel& kernel = *kernel_;
-  if (gram_iterations_ && !groups && !start && rows > 1 && rows >= cols &&
-      (kernel.live || E.GetNumMisVal() == 0))
-    return FitOnGram(progress);
+  if (gram_iterations_ && !groups && !start && rows > 1 && (kernel.live || E.GetNumMisVal() == 0)) {
+    if (rows >= cols) return FitOnGram(progress);
+    if (FitOnRowGram(progress)) return true;  // false: E without signal, fitted on E below
+  }
   if (kernel.live) LeaveGram();
 
   const int a = ++components_;
@@ -219,6 +227,25 @@ void NCPCA::CalculateResiduals() {
     // anything else (a second deflation by the same component) is done on E.
     if (!kn.fitted.empty() && kn.fitted.back() == a &&
         kn.levelAt.back() == static_cast<int>(kn.deflated.size()) &&
+        (kn.deflated.empty() || kn.deflated.back() != a) && kn.wide) {
+      // (E - t p')(E - t p')' = EE' - (s t) t' - t (s t)' + s t t' = EE' - s t t', since
+      // E p = s t with s = p'p; and each column's sum of squares loses 2 p_j (E't)_j - p_j^2 t't.
+      const int n = kn.base.SizeRows(), k = kn.k;
+      const float* pf = (*pprim_)[a].GetVector() + 1;
+      const float* tf = (*tprim_)[a].GetVector() + 1;
+      double s = 0;
+      for (int j = 0; j < k; ++j) s += static_cast<double>(pf[j]) * pf[j];
+      mvda::detail::ParallelFor(n, [&](int i) {
+        double* row = kn.gram.data() + static_cast<std::size_t>(i) * n;
+        const double ti = s * tf[i];
+        for (int l = 0; l < n; ++l) row[l] -= ti * tf[l];
+      });
+      for (int j = 0; j < k; ++j) kn.columnSS[j] += (-2 * kn.gq[j] + kn.tt * pf[j]) * pf[j];
+      kn.deflated.push_back(a);
+      return;
+    }
+    if (!kn.fitted.empty() && kn.fitted.back() == a &&
+        kn.levelAt.back() == static_cast<int>(kn.deflated.size()) &&
         (kn.deflated.empty() || kn.deflated.back() != a)) {
       // (E - t p')'(E - t p') = G - p g' - g p' + (t't) p p', with g = E't = G q.
       const int k = kn.k;
@@ -229,23 +256,6 @@ void NCPCA::CalculateResiduals() {
         double* row = kn.gram.data() + static_cast<std::size_t>(j) * k;
         for (int l = 0; l < k; ++l) row[l] += -pd[j] * g[l] - g[j] * pd[l] + kn.tt * pd[j] * pd[l];
       });
-      // Each group's own rows E_g likewise: E_g't_g = E_g'E_g q with q = p / p'p.
-      if (!kn.groupGrams.empty()) {
-        double pp = 0;
-        for (int j = 0; j < k; ++j) pp += pd[j] * pd[j];
-        std::vector<double> q(k), gq(k);
-        for (int j = 0; j < k; ++j) q[j] = pd[j] / pp;
-        for (std::vector<double>& own : kn.groupGrams) {
-          mvda::detail::SymmetricTimes(own, k, q.data(), gq.data());
-          double tt = 0;
-          for (int j = 0; j < k; ++j) tt += q[j] * gq[j];
-          mvda::detail::ParallelFor(k, [&](int j) {
-            double* row = own.data() + static_cast<std::size_t>(j) * k;
-            for (int l = 0; l < k; ++l)
-              row[l] += -pd[j] * gq[l] - gq[j] * pd[l] + tt * pd[j] * pd[l];
-          });
-        }
-      }
       kn.deflated.push_back(a);
       return;
     }
@@ -311,6 +321,124 @@ bool NCPCA::FitOnGram(NCProgress* progress) {
   kn.levelAt.push_back(static_cast<int>(kn.deflated.size()));
   kn.gq = fit.gq;
   kn.tt = fit.tt;
+  return true;
+}
+
+// NIPALS as NextComponent runs it on E, in the space of the rows, for wide complete data: with
+// K = EE', the column regression p = E't / t't normalised is E't / sqrt(t'K t), and the row
+// regression t = E p / p'p is then K t / sqrt(t'K t) (p'p = 1). The loading of the last score
+// vector is formed at the end by one pass over the data, which also gives E't for the deflation.
+bool NCPCA::FitOnRowGram(NCProgress* progress) {
+  Kernel& kn = *kernel_;
+  if (!kn.live) {
+    kn = Kernel();
+    kn.base = *residuals_;
+    kn.k = kn.base.SizeColumns();
+    kn.wide = true;
+    kn.gram = mvda::detail::RowGram(kn.base);
+    kn.columnSS = mvda::detail::ColumnSumsOfSquares(kn.base);
+    kn.live = true;
+  }
+  const int k = kn.k, n = kn.base.SizeRows();
+  const std::vector<double>& K = kn.gram;
+
+  // The start column as GetNIPALSStartColumn picks it; without a sum of squares the regressions
+  // have nothing to divide by, which the fit on E handles.
+  int index = 0;
+  if (k > 1) {
+    long double best = 0;
+    for (int j = 0; j < k; ++j)
+      if (kn.columnSS[j] > best * 1.000001) {
+        best = kn.columnSS[j];
+        index = j;
+      }
+  }
+  if (!(kn.columnSS[index] >= 1e-30)) return false;
+  // Column `index` of E = base less the deflations made since.
+  std::vector<double> t(static_cast<std::size_t>(n)), previous(static_cast<std::size_t>(n)),
+      kt(static_cast<std::size_t>(n));
+  for (int i = 0; i < n; ++i) t[i] = kn.base[i + 1][index + 1];
+  for (const int b : kn.deflated) {
+    const float* tb = (*tprim_)[b].GetVector() + 1;
+    const double pb = (*pprim_)[b][index + 1];
+    for (int i = 0; i < n; ++i) t[i] -= tb[i] * pb;
+  }
+  for (int i = 0; i < n; ++i) t[i] = static_cast<float>(t[i]);
+
+  const int a = ++components_;
+  iterations_ = 0;
+  std::shared_ptr<NCProgress> own;
+  NCProgress* reporter = progress;
+  int count = 0;
+  for (;;) {
+    mvda::detail::SymmetricTimes(K, n, t.data(), kt.data());
+    double tkt = 0;
+    for (int i = 0; i < n; ++i) tkt += t[i] * kt[i];
+    const double root = std::sqrt(tkt);
+    double change = 0, length = 0;
+    for (int i = 0; i < n; ++i) {
+      const double next = kt[i] / root;
+      change += (next - t[i]) * (next - t[i]);
+      length += next * next;
+      previous[i] = t[i];
+      t[i] = next;
+    }
+    if (!std::isfinite(change) || !std::isfinite(length) || !(tkt > 0))
+      throw NCError("PCA component could not be computed.");
+    const double c = ConvergenceMeasure(length <= 1e-30 ? 1e30 : change / length);
+    ReportIteration(++count, c, a, reporter, own);
+    if (c <= 0 || count >= max_iterations_) break;
+  }
+  iterations_ = count;
+
+  // E'[previous t] for the loading, E'[t] for the deflation: base' less the deflations' parts.
+  std::vector<double> both(static_cast<std::size_t>(n) * 2),
+      products(static_cast<std::size_t>(k) * 2);
+  for (int i = 0; i < n; ++i) {
+    both[static_cast<std::size_t>(i) * 2] = previous[i];
+    both[static_cast<std::size_t>(i) * 2 + 1] = t[i];
+  }
+  mvda::detail::TransposeTimes(kn.base, both.data(), 2, products.data());
+  for (const int b : kn.deflated) {
+    const float* tb = (*tprim_)[b].GetVector() + 1;
+    const float* pb = (*pprim_)[b].GetVector() + 1;
+    double o1 = 0, o2 = 0;
+    for (int i = 0; i < n; ++i) {
+      o1 += tb[i] * previous[i];
+      o2 += tb[i] * t[i];
+    }
+    for (int j = 0; j < k; ++j) {
+      products[static_cast<std::size_t>(j) * 2] -= pb[j] * o1;
+      products[static_cast<std::size_t>(j) * 2 + 1] -= pb[j] * o2;
+    }
+  }
+  double ttPrevious = 0, tt = 0;
+  for (int i = 0; i < n; ++i) {
+    ttPrevious += previous[i] * previous[i];
+    tt += t[i] * t[i];
+  }
+  std::vector<float> p(static_cast<std::size_t>(k));
+  double ss = 0;
+  for (int j = 0; j < k; ++j) {
+    p[j] = mvda::detail::FixedCoefficient(products[static_cast<std::size_t>(j) * 2], ttPrevious);
+    ss += static_cast<double>(p[j]) * p[j];
+  }
+  const double norm = std::sqrt(ss);
+  if (norm != 0)
+    for (int j = 0; j < k; ++j) p[j] = static_cast<float>(p[j] / norm);
+  kn.gq.resize(static_cast<std::size_t>(k));
+  for (int j = 0; j < k; ++j) kn.gq[j] = products[static_cast<std::size_t>(j) * 2 + 1];
+  kn.tt = tt;
+
+  Vector loading, scores;
+  loading.CopyZeroBasedVector(p.data(), k);
+  std::vector<float> tf(t.begin(), t.end());
+  scores.CopyZeroBasedVector(tf.data(), n);
+  pprim_->InsertRow(a, loading);
+  tprim_->InsertRow(a, scores);
+  kn.fitted.push_back(a);
+  kn.levelAt.push_back(static_cast<int>(kn.deflated.size()));
+  kn.scored = kn.fitted.size();
   return true;
 }
 
@@ -382,27 +510,59 @@ const NCPCA::Matrix* NCPCA::GetResiduals() const {
 
 bool NCPCA::IsFittingOnGram() const { return kernel_->live; }
 
-const std::vector<std::vector<double>>* NCPCA::GetGroupGrams(const GroupVector& codes,
-                                                             int groups) const {
+bool NCPCA::GetGramState(const GroupVector& codes, int groups,
+                         mvda::detail::PcaGramState& state) const {
   Kernel& kn = *kernel_;
-  if (!kn.live || groups < 1) return nullptr;
-  const int rows = kn.base.SizeRows();
-  if (codes.Size() != rows) return nullptr;
+  const int a = pprim_->SizeRows();
+  if (!kn.live || kn.wide || groups < 1 || kn.fitted.empty() || kn.fitted.back() != a ||
+      kn.levelAt.back() != static_cast<int>(kn.deflated.size()))
+    return false;
+  const int rows = kn.base.SizeRows(), k = kn.k;
+  if (codes.Size() != rows) return false;
   const std::vector<int> wanted(codes.GetPtr() + 1, codes.GetPtr() + 1 + rows);
-  if (wanted == kn.groupCodes && static_cast<int>(kn.groupGrams.size()) == groups)
-    return &kn.groupGrams;
-  std::vector<std::vector<int>> sets(static_cast<std::size_t>(groups));
-  for (int i = 0; i < rows; ++i) {
-    if (wanted[i] < 0 || wanted[i] >= groups) return nullptr;
-    sets[static_cast<std::size_t>(wanted[i])].push_back(i);
+  if (wanted != kn.groupCodes || static_cast<int>(kn.groupGrams.size()) != groups) {
+    std::vector<std::vector<int>> sets(static_cast<std::size_t>(groups));
+    for (int i = 0; i < rows; ++i) {
+      if (wanted[i] < 0 || wanted[i] >= groups) return false;
+      sets[static_cast<std::size_t>(wanted[i])].push_back(i);
+    }
+    std::vector<mvda::detail::CrossProducts> own =
+        mvda::detail::FormCrossProducts(kn.base, nullptr, sets);
+    kn.groupGrams.clear();
+    for (mvda::detail::CrossProducts& c : own) kn.groupGrams.push_back(std::move(c.xx));
+    kn.groupCodes = wanted;
+    kn.groupLevel = 0;
   }
-  Complete(true);
-  std::vector<mvda::detail::CrossProducts> own =
-      mvda::detail::FormCrossProducts(*residuals_, nullptr, sets);
-  kn.groupGrams.clear();
-  for (mvda::detail::CrossProducts& c : own) kn.groupGrams.push_back(std::move(c.xx));
-  kn.groupCodes = wanted;
-  return &kn.groupGrams;
+  // Each group's rows are deflated as the whole: E_g - t_g p' with t_g = E_g p / p'p.
+  for (; kn.groupLevel < kn.deflated.size(); ++kn.groupLevel) {
+    const float* p = (*pprim_)[kn.deflated[kn.groupLevel]].GetVector() + 1;
+    mvda::detail::ParallelFor(groups, [&](int g) {
+      mvda::detail::DeflateGram(kn.groupGrams[static_cast<std::size_t>(g)], k, p);
+    });
+  }
+  state.gram = &kn.gram;
+  state.groupGrams = &kn.groupGrams;
+  const float* p = (*pprim_)[a].GetVector() + 1;
+  double pp = 0;
+  for (int j = 0; j < k; ++j) pp += static_cast<double>(p[j]) * p[j];
+  state.q.resize(static_cast<std::size_t>(k));
+  for (int j = 0; j < k; ++j) state.q[j] = p[j] / pp;
+  state.gq = kn.gq;
+  state.tt = kn.tt;
+  mvda::detail::DeferredResiduals& r = state.residuals;
+  r.base = kn.base;
+  r.q.clear();
+  r.p.clear();
+  for (const int b : kn.deflated) {
+    const float* pb = (*pprim_)[b].GetVector() + 1;
+    std::vector<double> pd(pb, pb + k), qd(static_cast<std::size_t>(k));
+    double s = 0;
+    for (int j = 0; j < k; ++j) s += pd[j] * pd[j];
+    for (int j = 0; j < k; ++j) qd[j] = pd[j] / s;
+    r.p.push_back(std::move(pd));
+    r.q.push_back(std::move(qd));
+  }
+  return true;
 }
 
 void NCPCA::SetGramIterations(bool on) {

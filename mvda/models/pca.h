@@ -13,6 +13,10 @@
 #include <memory>
 #include <vector>
 
+namespace mvda::detail {
+struct PcaGramState;
+}
+
 // The model keeps the loadings P' (one row per component, one column per variable), the scores T'
 // (one row per component, one column per observation) and the residual matrix E, which starts as
 // a copy of the (already scaled) data. A host fits a component with NextComponent, judges it, and
@@ -26,13 +30,15 @@
 // Complete data: while E has no missing value and at least as many rows as columns, the NIPALS
 // iterations run on the Gram matrix E'E (K x K) instead of on E: p is proportional to E'E times
 // the previous p, and the convergence measure is formed from it, sum (t - t_old)^2 = dq' E'E dq
-// with t = E q. These are the same iterations, with the same start, measure and stopping rule, so
-// components and iteration counts agree with the iterations on E to float precision, while one
-// pass over the data (forming E'E) serves every component. Deflation then updates E'E, and the
-// scores and residuals are formed when first read, all components in one product. The matrices
-// are therefore to be read through GetTprim and GetResiduals, which complete that work (a pointer
-// kept from an earlier call sees it once any of them has been called again). SetGramIterations
-// (false) keeps every fit on E.
+// with t = E q. With fewer rows than columns (wide data, e.g. spectra) they run on EE' (N x N)
+// instead: t is proportional to EE' times the previous t, and the loading is formed from the last
+// scores by one pass over the data. These are the same iterations, with the same start, measure
+// and stopping rule, so components and iteration counts agree with the iterations on E to float
+// precision, while one pass over the data (forming the Gram matrix) serves every component.
+// Deflation then updates the Gram matrix, and the scores (on E'E) and residuals are formed when
+// first read, all components in one product. The matrices are therefore to be read through
+// GetTprim and GetResiduals, which complete that work (a pointer kept from an earlier call sees
+// it once any of them has been called again). SetGramIterations(false) keeps every fit on E.
 //
 // Thread-safety: one model, with every copy sharing its matrices, is driven by one thread at a
 // time, reads included. The projections inside NextComponent run on the library's threads
@@ -107,11 +113,16 @@ class MVDA_EXPORT NCPCA : public UStreamBase {
   // Whether the last fit ran on the Gram matrix and its deferred work stands (false after a fit
   // on E).
   bool IsFittingOnGram() const;
-  // For the cross-validation: the Gram matrices (K x K, row-major, double) of the residual rows of
-  // each observation group (codes 0..groups-1, one per row), formed at the first call and then
-  // deflated with the model, so that later components need no pass over the data for them. Null
-  // while the fits do not run on the Gram matrix. Valid until the next call on the model.
-  const std::vector<std::vector<double>>* GetGroupGrams(const GroupVector& codes, int groups) const;
+  // The shape of the residuals (observations x variables), without completing deferred work.
+  int GetResidualRows() const { return residuals_->SizeRows(); }
+  int GetResidualColumns() const { return residuals_->SizeColumns(); }
+  // For the cross-validation of the last component: when it was fitted on the Gram matrix and the
+  // model has not been deflated by it, fills `state` and returns true; else false. The group Gram
+  // matrices are those of the residual rows of each observation group (codes 0..groups-1, one per
+  // row): formed at the first call from the rows the Gram matrix was formed of, kept with the
+  // model and brought up to its deflations at each call, so that later components need no pass
+  // over the data for them. The pointers are valid until the next call on the model.
+  bool GetGramState(const GroupVector& codes, int groups, mvda::detail::PcaGramState& state) const;
 
   // --- Stream (pca_stream.cpp): record "NCPCA" version 2 and a directory of P' (entry 0), T' (1)
   // and E (2) as NCDataMatrix<float> objects, the maximum of iterations (3) and the iterations of
@@ -131,6 +142,7 @@ class MVDA_EXPORT NCPCA : public UStreamBase {
  private:
   struct Kernel;  // the Gram matrix and the deferred work, shared by copies (pca.cpp)
   bool FitOnGram(NCProgress* progress);
+  bool FitOnRowGram(NCProgress* progress);
   void Complete(bool residuals) const;  // forms the deferred scores (and residuals)
   void LeaveGram() const;               // completes, and the next fit starts afresh
   void DropGram() const;                // forgets the deferred work, for matrices being replaced

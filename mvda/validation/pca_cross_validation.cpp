@@ -2,6 +2,7 @@
 #include <mvda/containers/detail/masked_kernels.h>
 #include <mvda/containers/detail/parallel_for.h>
 #include <mvda/containers/detail/work_grid.h>
+#include <mvda/models/detail/gram.h>
 #include <mvda/platform/error.h>
 #include <mvda/platform/language_string.h>
 #include <mvda/validation/cv_groups.h>
@@ -34,9 +35,9 @@ std::string Shape(long long rows, long long cols) {
   return std::to_string(rows) + " x " + std::to_string(cols);
 }
 
-const Matrix& ResidualsOf(const NCPCA* model) {
+const NCPCA& Checked(const NCPCA* model) {
   if (!model) Fail("PCACrossValidation", "null model");
-  return *model->GetResiduals();
+  return *model;
 }
 
 // The caller's codes (copied, so that later changes of theirs do not reach this object) or the
@@ -169,8 +170,7 @@ PCACrossValidation::PCACrossValidation(NCPCA* model, float previousQ2TotCum,
                                        const GroupVector* observationGroups,
                                        const GroupVector* variableGroups)
     : model_(model) {
-  const Matrix& E = ResidualsOf(model);
-  const int rows = E.SizeRows(), cols = E.SizeColumns();
+  const int rows = Checked(model).GetResidualRows(), cols = model->GetResidualColumns();
   if (groups < 1) Fail("PCACrossValidation", std::to_string(groups) + " groups, at least 1 needed");
   const int g = std::min({groups, rows, cols});
   // One group would leave every cell out of every fit.
@@ -191,15 +191,22 @@ PCACrossValidation::PCACrossValidation(NCPCA* model, float previousQ2TotCum,
   tset_.ReserveRows(g);
   q2_x_var_ = Vector(cols, 0.0f);
   q2_x_var_cum_.CopyContent(previousQ2XVarCum);
-  x_pred_residuals_ = Matrix(rows, cols, kMis);
+  x_pred_residuals_ = Matrix(0, cols, 0.0f);  // all missing when read
   q2_tot_cum_ = previousQ2TotCum;
 }
 
 PCACrossValidation::PCACrossValidation(NCPCA* model, int groups,
                                        const GroupVector* observationGroups,
                                        const GroupVector* variableGroups)
-    : PCACrossValidation(model, 0.0f, Vector(ResidualsOf(model).SizeColumns(), 0.0f), groups,
+    : PCACrossValidation(model, 0.0f, Vector(Checked(model).GetResidualColumns(), 0.0f), groups,
                          observationGroups, variableGroups) {}
+
+// The left-out scores and the cells of a component validated on Gram matrices: the residuals at
+// the time, the score directions (t(-g) = E d_g, scale and sign included, K x G row-major).
+struct PCACrossValidation::Deferred {
+  mvda::detail::DeferredResiduals residuals;
+  std::vector<double> directions;
+};
 
 PCACrossValidation::PCACrossValidation(const PCACrossValidation& other) = default;
 PCACrossValidation& PCACrossValidation::operator=(const PCACrossValidation& other) = default;
@@ -209,19 +216,22 @@ PCACrossValidation::~PCACrossValidation() = default;
 // Cross-validation of one component
 
 void PCACrossValidation::NextComponent(const Vector& reference, NCProgress* progress) {
-  const Matrix& E = *model_->GetResiduals();
-  const int rows = E.SizeRows(), cols = E.SizeColumns(), G = groups_;
+  const int rows = model_->GetResidualRows(), cols = model_->GetResidualColumns(), G = groups_;
   if (model_->GetComponents() < 1 || model_->GetPprim()->SizeRows() < 1)
     Fail("NextComponent", "the model has no component to validate");
   if (rows != observation_groups_.Size() || cols != variable_groups_.Size())
     Fail("NextComponent", "residuals of " + Shape(rows, cols) + " for groups made for " +
                               Shape(observation_groups_.Size(), variable_groups_.Size()));
+  // T' is read only on the data: on the Gram matrix reading it would form deferred scores, and
+  // its rows were made for these residuals.
   const Vector& p = model_->GetPprim()->back();
-  const Vector& t = model_->GetTprim()->back();
-  if (p.Size() != cols || t.Size() != rows)
-    Fail("NextComponent", "last loading of length " + std::to_string(p.Size()) +
-                              " and scores of length " + std::to_string(t.Size()) +
-                              " for residuals of " + Shape(rows, cols));
+  const auto checkShapes = [&](int scoreLength) {
+    if (p.Size() != cols || scoreLength != rows)
+      Fail("NextComponent", "last loading of length " + std::to_string(p.Size()) +
+                                " and scores of length " + std::to_string(scoreLength) +
+                                " for residuals of " + Shape(rows, cols));
+  };
+  checkShapes(rows);
   if (reference.Size() != cols)
     Fail("NextComponent", "reference of length " + std::to_string(reference.Size()) + " for " +
                               std::to_string(cols) + " variables");
@@ -242,21 +252,37 @@ void PCACrossValidation::NextComponent(const Vector& reference, NCProgress* prog
   // The size of each variable group, for the score scale.
   std::vector<int> groupColumns(static_cast<std::size_t>(G), 0);
   for (int j = 1; j <= cols; ++j) ++groupColumns[static_cast<std::size_t>(variable_groups_[j])];
+  const auto scaleOf = [&](int g) {
+    return std::sqrt(static_cast<float>(cols) /
+                     static_cast<float>(cols - groupColumns[static_cast<std::size_t>(g)]));
+  };
 
   // All 2G fits advance together, one pass over E serving every group, and the host then sees
   // each fit's progress replayed group by group, as the fits one after another would have made
   // it: at the sizes where progress matters, the batch for one component takes a fraction of a
   // second, so the replay costs the host no responsiveness. A stop answered in the replay, or a
-  // fit that failed, throws where that fit would have.
-  const bool gram = model_->GetGramIterations();
-  const mvda::detail::PcaGroupFits fits =
-      mvda::detail::FitPcaGroups(E, p, t, observation_groups_, variable_groups_, G, limit, gram,
-                                 gram ? model_->GetGroupGrams(observation_groups_, G) : nullptr);
+  // fit that failed, throws where that fit would have. A model that fits on the Gram matrix has
+  // the fits made on Gram matrices too, and the cells summed from them: no pass over the data.
+  mvda::detail::PcaGramState state;
+  mvda::detail::PcaGroupFits fits;
+  std::vector<std::vector<double>> scoreDirections;
+  const bool gram =
+      model_->GetGramState(observation_groups_, G, state) &&
+      mvda::detail::FitPcaGroupsOnGram(state, p, observation_groups_, variable_groups_, G, limit,
+                                       fits, scoreDirections);
+  const Matrix* E = gram ? nullptr : model_->GetResiduals();
+  const Vector* t = gram ? nullptr : &model_->GetTprim()->back();
+  if (!gram) {
+    checkShapes(t->Size());
+    fits = mvda::detail::FitPcaGroups(*E, p, *t, observation_groups_, variable_groups_, G, limit);
+  }
 
   // Built aside, so that a stop leaves the previous results in place.
   Matrix pset(0, cols, 0.0f), tset(0, rows, 0.0f);
   pset.ReserveRows(G);
   tset.ReserveRows(G);
+  auto deferred = std::make_shared<Deferred>();
+  if (gram) deferred->directions.assign(static_cast<std::size_t>(cols) * G, 0.0);
   for (int g = 0; g < G; ++g) {
     const std::size_t k = static_cast<std::size_t>(g);
     // The loading without observation group g.
@@ -269,25 +295,40 @@ void PCACrossValidation::NextComponent(const Vector& reference, NCProgress* prog
     // The scores without variable group g, scaled up for the variables they lack.
     reporter->SetText(LanguageString::Get(10158));
     InSubRange(reporter, g + 0.5, g + 1.0, [&] { fits.withoutColumns[k].Replay(*reporter); });
-    Vector scores = fits.withoutColumns[k].t;
-    float scale = std::sqrt(static_cast<float>(cols) / static_cast<float>(cols - groupColumns[k]));
-    if (scores * t < 0) scale = -scale;
-    scores *= scale;
-    tset.push_back(scores);
+    float scale = scaleOf(g);
+    if (gram) {
+      // t(-g)'t = d'E'E q = d'(E't).
+      const std::vector<double>& d = scoreDirections[k];
+      double agreement = 0;
+      for (int j = 0; j < cols; ++j) agreement += d[j] * state.gq[j];
+      if (agreement < 0) scale = -scale;
+      for (int j = 0; j < cols; ++j)
+        deferred->directions[static_cast<std::size_t>(j) * G + k] = d[j] * scale;
+    } else {
+      Vector scores = fits.withoutColumns[k].t;
+      if (scores * *t < 0) scale = -scale;
+      scores *= scale;
+      tset.push_back(scores);
+    }
   }
 
-  // The cells go into the buffers of the previous results, which this object alone holds unless
-  // the host kept a copy: no second N x K allocation per call. From here on only an allocation
-  // failure could stop the call, and it would leave the cells incomplete.
-  std::vector<Vector> cellRows(x_pred_residuals_.begin(), x_pred_residuals_.end());
-  cellRows.resize(static_cast<std::size_t>(rows));
-  x_pred_residuals_.Clear();
   std::vector<double> ssj, pressj;
-  PredictCells(E, pset, tset, observation_groups_, variable_groups_, G, cellRows, ssj, pressj);
   Matrix cells(0, cols, 0.0f);
-  cells.ReserveRows(rows);
-  for (const Vector& row : cellRows) cells.push_back(row);
-  cellRows.clear();
+  if (gram) {
+    mvda::detail::GramPress(state, deferred->directions, pset, variable_groups_, G, ssj, pressj);
+    deferred->residuals = std::move(state.residuals);
+  } else {
+    // The cells go into the buffers of the previous results, which this object alone holds
+    // unless the host kept a copy: no second N x K allocation per call. From here on only an
+    // allocation failure could stop the call, and it would leave the cells incomplete.
+    std::vector<Vector> cellRows(x_pred_residuals_.begin(), x_pred_residuals_.end());
+    cellRows.resize(static_cast<std::size_t>(rows));
+    x_pred_residuals_.Clear();
+    PredictCells(*E, pset, tset, observation_groups_, variable_groups_, G, cellRows, ssj, pressj);
+    cells.ReserveRows(rows);
+    for (const Vector& row : cellRows) cells.push_back(row);
+    cellRows.clear();
+  }
 
   Vector q2(cols, 0.0f), q2Cum(cols, 0.0f);
   double ss = 0, press = 0;
@@ -314,10 +355,53 @@ void PCACrossValidation::NextComponent(const Vector& reference, NCProgress* prog
   pset_.swap(pset);
   tset_.swap(tset);
   x_pred_residuals_.swap(cells);
+  if (gram)
+    deferred_ = std::move(deferred);
+  else
+    deferred_.reset();
   q2_x_var_ = q2;
   q2_x_var_cum_ = q2Cum;
   q2_tot_ = q2Tot;
   q2_tot_cum_ = q2TotCum;
+}
+
+const Matrix* PCACrossValidation::GetTSet() const {
+  if (deferred_) FormDeferred();
+  return &tset_;
+}
+
+const Matrix* PCACrossValidation::GetXPredResiduals() const {
+  if (deferred_) FormDeferred();
+  const int rows = observation_groups_.Size();
+  if (x_pred_residuals_.SizeRows() != rows)  // before the first NextComponent
+    x_pred_residuals_ = Matrix(rows, variable_groups_.Size(), kMis);
+  return &x_pred_residuals_;
+}
+
+void PCACrossValidation::FormDeferred() const {
+  const Deferred& d = *deferred_;
+  const int rows = observation_groups_.Size(), cols = variable_groups_.Size(), G = groups_;
+  std::vector<float> scores;
+  d.residuals.Times(d.directions, G, scores);
+  Matrix tset(0, rows, 0.0f);
+  tset.ReserveRows(G);
+  std::vector<float> column(static_cast<std::size_t>(rows));
+  for (int g = 0; g < G; ++g) {
+    for (int i = 0; i < rows; ++i) column[i] = scores[static_cast<std::size_t>(i) * G + g];
+    Vector row;
+    row.CopyZeroBasedVector(column.data(), rows);
+    tset.push_back(row);
+  }
+  const Matrix E = d.residuals.Form();
+  std::vector<Vector> cellRows(static_cast<std::size_t>(rows));
+  std::vector<double> ss, press;
+  PredictCells(E, pset_, tset, observation_groups_, variable_groups_, G, cellRows, ss, press);
+  Matrix cells(0, cols, 0.0f);
+  cells.ReserveRows(rows);
+  for (const Vector& row : cellRows) cells.push_back(row);
+  tset_.swap(tset);
+  x_pred_residuals_.swap(cells);
+  deferred_.reset();
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -325,8 +409,8 @@ void PCACrossValidation::NextComponent(const Vector& reference, NCProgress* prog
 
 float PCACrossValidation::GetQ2Lim(int a, bool flag) const {
   if (a < 1) return kMis;
-  const Matrix& E = *model_->GetResiduals();
-  const long long rows = E.SizeRows(), cols = E.SizeColumns(), c = flag ? 1 : 0;
+  const long long rows = model_->GetResidualRows(), cols = model_->GetResidualColumns();
+  const long long c = flag ? 1 : 0;
   const long long left = rows - c - a + 1, right = cols - a + 1;
   if (left <= 0 || right <= 0) return 1.0f;
   const float d = static_cast<float>(left * right);

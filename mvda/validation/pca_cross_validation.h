@@ -10,6 +10,8 @@
 #include <mvda/mvda_export.h>
 #include <mvda/platform/progress.h>
 
+#include <memory>
+
 // Driven in step with the model, one object per component:
 //
 //   model.NextComponent(progress, nullptr, 0, nullptr);      // component a, not deflated yet
@@ -61,10 +63,12 @@ class MVDA_EXPORT PCACrossValidation {
   // The loading fit starts from the row regression of the training rows on p, the score fit from
   // t. All 2G fits iterate together on one copy of E, each stopping on its own, so that one pass
   // over E serves every group; their sums are formed by BLAS in single precision, and the fits
-  // agree with those NCPCA makes on the same starts to rounding, not to the bit. Complete residuals
-  // with at least as many rows as columns are fitted on Gram matrices instead, as the model fits
-  // them (the one without an observation group is the whole less the group's own), unless the
-  // model's SetGramIterations(false) keeps its fits on the data. p(-g) is turned to
+  // agree with those NCPCA makes on the same starts to rounding, not to the bit. When the model
+  // fitted the component on its Gram matrix (complete residuals, see NCPCA), the fits run on
+  // Gram matrices instead (the one without an observation group is the whole less the group's
+  // own, kept by the model) and PRESS and SS come from the groups' Gram matrices, so no pass over
+  // the data is made; the figures agree with those of the fits on the data to float precision.
+  // The model's SetGramIterations(false) keeps everything on the data. p(-g) is turned to
   // agree with p; t(-g) is scaled by s = sqrt(K / (K - n_g)) (n_g the variables of group g) with
   // the sign that makes it agree with t, since it was fitted on fewer variables.
   //
@@ -97,8 +101,12 @@ class MVDA_EXPORT PCACrossValidation {
   // Q2 0, XPredResiduals all missing). XPredResiduals(i, j) is e_ij - t q, or e_ij itself where
   // e, t or q is missing.
   const Matrix* GetPSet() const { return &pset_; }
-  const Matrix* GetTSet() const { return &tset_; }
-  const Matrix* GetXPredResiduals() const { return &x_pred_residuals_; }
+  // On complete residuals fitted on Gram matrices these two are formed at the first read after
+  // NextComponent, from the residuals as they were then (later deflations of the model do not
+  // change them): most hosts read only the Q2 figures. Until then the object shares the rows the
+  // model's Gram matrix was formed of, which keeps them alive should the model replace them.
+  const Matrix* GetTSet() const;
+  const Matrix* GetXPredResiduals() const;
   const Vector* GetQ2XVar() const { return &q2_x_var_; }
   const Vector* GetQ2XVarCum() const { return &q2_x_var_cum_; }
   float GetQ2Tot() const { return q2_tot_; }
@@ -108,11 +116,15 @@ class MVDA_EXPORT PCACrossValidation {
   const GroupVector* GetVariableGroups() const { return &variable_groups_; }
 
  private:
-  Matrix pset_;              // G x K after NextComponent
-  Matrix tset_;              // G x N after NextComponent
-  Vector q2_x_var_;          // K
-  Vector q2_x_var_cum_;      // K
-  Matrix x_pred_residuals_;  // N x K
+  struct Deferred;  // what forms tset_ and x_pred_residuals_ when read (pca_cross_validation.cpp)
+  void FormDeferred() const;
+
+  Matrix pset_;                      // G x K after NextComponent
+  mutable Matrix tset_;              // G x N after NextComponent
+  Vector q2_x_var_;                  // K
+  Vector q2_x_var_cum_;              // K
+  mutable Matrix x_pred_residuals_;  // N x K, or without rows until read before NextComponent
+  mutable std::shared_ptr<const Deferred> deferred_;
   float q2_tot_ = 0;
   float q2_tot_cum_ = 0;
   NCPCA* model_ = nullptr;

@@ -131,18 +131,45 @@ TEST(PcaGram, AgreesWithTheFitOnTheData) {
   }
 }
 
-// Only complete data with at least as many rows as columns go to the Gram matrix; a start vector
-// keeps the fit on E, and so does the switch.
+// Wide data iterate on E E' (N x N) instead.
+TEST(PcaGram, WideDataAgreeWithTheFitOnTheData) {
+  {
+    SCOPED_TRACE("50 x 200, the first case's shape transposed");
+    ExpectPcaPathsAgree(LatentMatrix(50, 200, 11), 5);
+  }
+  {
+    // N^2 K above 2^25: E E' in single precision, from six blocks of columns in two waves.
+    SCOPED_TRACE("120 x 2600, single precision");
+    ExpectPcaPathsAgree(LatentMatrix(120, 2600, 5, 8, 0.8, 0.2), 6);
+  }
+  {
+    SCOPED_TRACE("one column more than rows");
+    ExpectPcaPathsAgree(LatentMatrix(39, 40, 7), 3);
+  }
+  {
+    // No latent structure: the components are the noise's, with slow convergence and more
+    // iterations; deflation must keep every later one on the same track.
+    SCOPED_TRACE("pure noise");
+    ExpectPcaPathsAgree(LatentMatrix(30, 90, 13, 1, 0.7, 1.0), 4);
+  }
+}
+
+// Only complete data go to a Gram matrix; a start vector keeps the fit on E, and so does the
+// switch.
 TEST(PcaGram, TakenOnlyWhereItApplies) {
-  Matrix gappy = LatentMatrix(60, 10, 3);
+  Matrix gappy = LatentMatrix(60, 10, 3), gappyWide = LatentMatrix(10, 30, 3);
   gappy(5, 2, -99.0f);
+  gappyWide(2, 5, -99.0f);
   const Matrix wide = LatentMatrix(10, 30, 3);
   const Matrix x = LatentMatrix(60, 10, 3);
-  for (const Matrix* m : {static_cast<const Matrix*>(&gappy), &wide}) {
+  for (const Matrix* m : {&gappy, &gappyWide}) {
     NCPCA model(m, 100);
     model.NextComponent(nullptr, nullptr, 0, nullptr);
     EXPECT_FALSE(model.IsFittingOnGram());
   }
+  NCPCA wideModel(&wide, 100);
+  wideModel.NextComponent(nullptr, nullptr, 0, nullptr);
+  EXPECT_TRUE(wideModel.IsFittingOnGram());
   NCPCA model(&x, 100);
   model.NextComponent(nullptr, nullptr, 0, nullptr);
   EXPECT_TRUE(model.IsFittingOnGram());
@@ -160,23 +187,25 @@ TEST(PcaGram, TakenOnlyWhereItApplies) {
 // A host that deflates twice by the same component, or fits twice without deflating, gets what
 // the fits on E give; so do copies made half-way, which share the matrices.
 TEST(PcaGram, IrregularHostLoopsAndCopies) {
-  const Matrix x = LatentMatrix(300, 20, 9);
-  NCPCA gram(&x, 500), plain(&x, 500);
-  plain.SetGramIterations(false);
-  for (NCPCA* m : {&gram, &plain}) {
-    m->NextComponent(nullptr, nullptr, 0, nullptr);
-    m->NextComponent(nullptr, nullptr, 0, nullptr);  // the same component again
-    m->CalculateResiduals();
-    m->CalculateResiduals();  // and deflated twice
-    m->NextComponent(nullptr, nullptr, 0, nullptr);
+  for (const Matrix& x : {LatentMatrix(300, 20, 9), LatentMatrix(20, 300, 9)}) {
+    SCOPED_TRACE(x.SizeRows());
+    NCPCA gram(&x, 500), plain(&x, 500);
+    plain.SetGramIterations(false);
+    for (NCPCA* m : {&gram, &plain}) {
+      m->NextComponent(nullptr, nullptr, 0, nullptr);
+      m->NextComponent(nullptr, nullptr, 0, nullptr);  // the same component again
+      m->CalculateResiduals();
+      m->CalculateResiduals();  // and deflated twice
+      m->NextComponent(nullptr, nullptr, 0, nullptr);
+    }
+    const NCPCA copy(gram);
+    gram.CalculateResiduals();
+    plain.CalculateResiduals();
+    EXPECT_EQ(gram.GetIterations(), plain.GetIterations());
+    EXPECT_LT(RelativeGap(*copy.GetTprim(), *plain.GetTprim()), 2e-5);
+    EXPECT_LT(RelativeGap(*copy.GetResiduals(), *plain.GetResiduals()), 5e-5);
+    EXPECT_LT(RelativeGap(*gram.GetPprim(), *plain.GetPprim()), 2e-5);
   }
-  const NCPCA copy(gram);
-  gram.CalculateResiduals();
-  plain.CalculateResiduals();
-  EXPECT_EQ(gram.GetIterations(), plain.GetIterations());
-  EXPECT_LT(RelativeGap(*copy.GetTprim(), *plain.GetTprim()), 2e-5);
-  EXPECT_LT(RelativeGap(*copy.GetResiduals(), *plain.GetResiduals()), 5e-5);
-  EXPECT_LT(RelativeGap(*gram.GetPprim(), *plain.GetPprim()), 2e-5);
 }
 
 // The written model holds the formed scores and residuals.
@@ -214,25 +243,28 @@ TEST(PcaGram, SameBitsForAnyTeam) {
   const int processors = ThreadingControl::GetNumberOfProcessors();
   const bool on = ThreadingControl::IsThreadingOn();
   omp_set_dynamic(0);
-  const Matrix x = LatentMatrix(2600, 120, 8);  // single precision, two waves of blocks
-  const auto fit = [&] {
-    NCPCA model(&x, 500);
-    for (int a = 1; a <= 3; ++a) {
-      model.NextComponent(nullptr, nullptr, 0, nullptr);
-      model.CalculateResiduals();
+  // Single precision, two waves of blocks of rows; and of columns for E E'.
+  for (const Matrix& x : {LatentMatrix(2600, 120, 8), LatentMatrix(120, 2600, 8)}) {
+    SCOPED_TRACE(x.SizeRows());
+    const auto fit = [&] {
+      NCPCA model(&x, 500);
+      for (int a = 1; a <= 3; ++a) {
+        model.NextComponent(nullptr, nullptr, 0, nullptr);
+        model.CalculateResiduals();
+      }
+      return model;
+    };
+    ThreadingControl::SetThreadingIsOn(false);
+    const NCPCA reference = fit();
+    for (const int team : {2, 3}) {
+      SCOPED_TRACE(team);
+      ThreadingControl::SetNumberOfProcessors(team);
+      ThreadingControl::SetThreadingIsOn(true);
+      const NCPCA model = fit();
+      EXPECT_EQ(*model.GetPprim(), *reference.GetPprim());
+      EXPECT_EQ(*model.GetTprim(), *reference.GetTprim());
+      EXPECT_EQ(*model.GetResiduals(), *reference.GetResiduals());
     }
-    return model;
-  };
-  ThreadingControl::SetThreadingIsOn(false);
-  const NCPCA reference = fit();
-  for (const int team : {2, 3}) {
-    SCOPED_TRACE(team);
-    ThreadingControl::SetNumberOfProcessors(team);
-    ThreadingControl::SetThreadingIsOn(true);
-    const NCPCA model = fit();
-    EXPECT_EQ(*model.GetPprim(), *reference.GetPprim());
-    EXPECT_EQ(*model.GetTprim(), *reference.GetTprim());
-    EXPECT_EQ(*model.GetResiduals(), *reference.GetResiduals());
   }
   omp_set_dynamic(1);
   ThreadingControl::SetNumberOfProcessors(processors);

@@ -39,6 +39,19 @@ MVDA_EXPORT std::vector<CrossProducts> FormCrossProducts(
 // directions in one pass over x, by blocks of rows on the library's team.
 MVDA_EXPORT void RowProducts(const NCDataMatrix<float>& x, const float* v, int q, float* out);
 
+// X X' (N x N, row-major, full, in double) of a complete x: the Gram matrix of the rows, on which
+// the PCA of wide data (more columns than rows) iterates. Blocks of kGramBlockRows columns cut by
+// the sizes alone, one single-threaded syrk each, their sums added in double in block order: the
+// same bits for any team. Small data (N N K up to 2^25) in double, larger in single precision.
+MVDA_EXPORT std::vector<double> RowGram(const NCDataMatrix<float>& x);
+
+// out (K x w, row-major) = x' v for a complete x (N x K) and v (N x w, row-major), in double:
+// bands of 256 columns on the library's team, each summing its rows in order.
+MVDA_EXPORT void TransposeTimes(const NCDataMatrix<float>& x, const double* v, int w, double* out);
+
+// The sum of squares of each column of a complete x, in double, bands of columns on the team.
+MVDA_EXPORT std::vector<double> ColumnSumsOfSquares(const NCDataMatrix<float>& x);
+
 // y = G x for a symmetric K x K matrix G (row-major, both halves present).
 MVDA_EXPORT void SymmetricTimes(const std::vector<double>& g, int k, const double* x, double* y);
 
@@ -47,6 +60,34 @@ MVDA_EXPORT void SymmetricTimes(const std::vector<double>& g, int k, const doubl
 // result that lands exactly on the missing marker counts as missing, as after every write.
 void SubtractOuterProducts(NCDataMatrix<float>& m, const std::vector<const float*>& t,
                            const std::vector<const float*>& p);
+
+// G (K x K, row-major, both halves) of rows E becomes that of E - t p' with t = E p / p'p: the
+// deflation by a component whose scores are the rows' own regression on p. In double, on the
+// calling thread (callers deflate several matrices in parallel).
+MVDA_EXPORT void DeflateGram(std::vector<double>& g, int k, const float* p);
+
+// Residuals kept deferred as base (I - q_1 p_1') ... (I - q_m p_m'), q = p / p'p: E after m
+// deflations by components whose scores are E's own regressions on their loadings. A value: base
+// shares its rows copy-on-write, so later writes to the model's residuals do not reach it.
+struct DeferredResiduals {
+  NCDataMatrix<float> base;
+  std::vector<std::vector<double>> q, p;  // of each deflation, in order
+
+  // out (N x w, row-major) = E v for v (K x w, row-major): the directions carried back through
+  // the deflations, then one pass over base.
+  MVDA_EXPORT void Times(std::vector<double> v, int w, std::vector<float>& out) const;
+  // E itself: the scores of every deflation in one pass, subtracted from a copy of base.
+  MVDA_EXPORT NCDataMatrix<float> Form() const;
+};
+
+// What the cross-validation of the last component reads of a model fitted on the Gram matrix.
+struct PcaGramState {
+  const std::vector<double>* gram = nullptr;                     // E'E, K x K
+  const std::vector<std::vector<double>>* groupGrams = nullptr;  // E_g'E_g of each row group
+  std::vector<double> q, gq;  // the last component: t = E q, E't = gq
+  double tt = 0;              // t't
+  DeferredResiduals residuals;
+};
 
 // One PCA component by NIPALS on a Gram matrix G = E'E (K x K), as NCPCA::NextComponent iterates
 // on E: p = the floored column regression E't / t't normalised, t = E p / p'p, until the

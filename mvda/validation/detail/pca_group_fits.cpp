@@ -1,4 +1,5 @@
-// FitPcaGroups: the cross-validation's NIPALS fits of all groups on one BatchedRegressions, and
+// FitPcaGroups, FitPcaGroupsOnGram and GramPress: the NIPALS fits of all groups of a PCA
+// cross-validation, on one BatchedRegressions or on Gram matrices, the PRESS from the latter, and
 // the replay of their progress.
 #include <mvda/containers/detail/parallel_for.h>
 #include <mvda/models/detail/gram.h>
@@ -11,6 +12,8 @@
 #include <cmath>
 #include <cstddef>
 #include <vector>
+
+#include <cblas.h>
 
 namespace mvda::detail {
 
@@ -95,124 +98,6 @@ void FitOneRow(const NCDataMatrix<float>& E, int row, PcaGroupFit& fit) {
   fit.t(row, static_cast<float>(length));
 }
 
-// E't of a complete E, in double, by blocks of columns on the library's team.
-std::vector<double> ColumnProducts(const NCDataMatrix<float>& E, const Vector& t) {
-  const int rows = E.SizeRows(), cols = E.SizeColumns();
-  std::vector<double> v(static_cast<std::size_t>(cols), 0.0);
-  const int width = 64, blocks = (cols + width - 1) / width;
-  const float* x = t.GetVector();
-  ParallelFor(blocks, [&](int b) {
-    const int first = b * width, last = std::min(cols, first + width);
-    for (int i = 1; i <= rows; ++i) {
-      const float* e = E[i].GetVector() + 1;
-      const double ti = x[i];
-      for (int j = first; j < last; ++j) v[j] += e[j] * ti;
-    }
-  });
-  return v;
-}
-
-// The fits of complete residuals with at least as many rows as columns, on Gram matrices: the
-// Gram matrix of each observation group's rows is formed once, the one without group g is the
-// whole less group g's own, and the one without variable group g is the whole with those
-// variables left out. Every iteration is then a product with a K x K matrix; one more pass over
-// E forms the scores of all fits.
-PcaGroupFits FitOnGram(const NCDataMatrix<float>& E, const Vector& p, const Vector& t,
-                       const Groups& observationGroups, const Groups& variableGroups, int groups,
-                       int limit, const std::vector<std::vector<double>>* groupGrams) {
-  const int rows = E.SizeRows(), k = E.SizeColumns();
-  const std::size_t kk = static_cast<std::size_t>(k) * k;
-  std::vector<std::vector<int>> sets(static_cast<std::size_t>(groups));
-  for (int i = 1; i <= rows; ++i)
-    sets[static_cast<std::size_t>(observationGroups[i])].push_back(i - 1);
-  std::vector<std::vector<double>> formed;
-  if (!groupGrams) {
-    for (CrossProducts& c : FormCrossProducts(E, nullptr, sets)) formed.push_back(std::move(c.xx));
-    groupGrams = &formed;
-  }
-  const std::vector<std::vector<double>>& own = *groupGrams;
-  std::vector<double> whole(kk, 0.0);
-  for (const std::vector<double>& c : own)
-    for (std::size_t e = 0; e < kk; ++e) whole[e] += c[e];
-
-  PcaGroupFits fits;
-  fits.withoutRows.resize(static_cast<std::size_t>(groups));
-  fits.withoutColumns.resize(static_cast<std::size_t>(groups));
-  // The directions whose scores the last pass forms, and where they go.
-  std::vector<std::vector<double>> directions;
-  std::vector<PcaGroupFit*> scored;
-  std::vector<const Groups*> leftOut;
-  std::vector<int> codes;
-
-  // Loading fits: t_0 = the training rows regressed on p, i.e. E q0 with q0 = p / p'p.
-  double pp = 0;
-  for (int j = 1; j <= k; ++j) pp += static_cast<double>(p[j]) * p[j];
-  std::vector<double> q0(static_cast<std::size_t>(k)), v0(static_cast<std::size_t>(k));
-  for (int j = 0; j < k; ++j) q0[j] = p[j + 1] / pp;
-  std::vector<double> without(kk);
-  for (int g = 0; g < groups; ++g) {
-    PcaGroupFit& fit = fits.withoutRows[static_cast<std::size_t>(g)];
-    const std::vector<int>& members = sets[static_cast<std::size_t>(g)];
-    if (rows - static_cast<int>(members.size()) == 1) {
-      int row = 1;
-      while (observationGroups[row] == g) ++row;
-      FitOneRow(E, row, fit);
-      continue;
-    }
-    const std::vector<double>& mine = own[static_cast<std::size_t>(g)];
-    for (std::size_t e = 0; e < kk; ++e) without[e] = whole[e] - mine[e];
-    SymmetricTimes(without, k, q0.data(), v0.data());
-    double tt0 = 0;
-    for (int j = 0; j < k; ++j) tt0 += q0[j] * v0[j];
-    const PcaGramFit result = FitPcaOnGram(without, k, nullptr, v0, tt0, &q0, limit, [&](double c) {
-      fit.measures.push_back(c);
-      return true;
-    });
-    fit.failed = result.failed;
-    fit.p.CopyZeroBasedVector(result.p.data(), k);
-    directions.push_back(result.q);
-    scored.push_back(&fit);
-    leftOut.push_back(&observationGroups);
-    codes.push_back(g);
-  }
-
-  // Score fits: from the model's t, on E without the variables of group g.
-  const std::vector<double> v = ColumnProducts(E, t);
-  double tt = 0;
-  for (int i = 1; i <= rows; ++i) tt += static_cast<double>(t[i]) * t[i];
-  std::vector<char> keep(static_cast<std::size_t>(k));
-  for (int g = 0; g < groups; ++g) {
-    PcaGroupFit& fit = fits.withoutColumns[static_cast<std::size_t>(g)];
-    for (int j = 0; j < k; ++j) keep[j] = variableGroups[j + 1] != g;
-    const PcaGramFit result = FitPcaOnGram(whole, k, &keep, v, tt, nullptr, limit, [&](double c) {
-      fit.measures.push_back(c);
-      return true;
-    });
-    fit.failed = result.failed;
-    fit.p.CopyZeroBasedVector(result.p.data(), k);
-    LeaveOut(fit.p, &variableGroups, g);
-    directions.push_back(result.q);
-    scored.push_back(&fit);
-    leftOut.push_back(nullptr);
-    codes.push_back(g);
-  }
-
-  // t = E q of every fit in one pass; a loading fit drops the rows it left out.
-  const int width = static_cast<int>(directions.size());
-  std::vector<float> q(static_cast<std::size_t>(k) * width),
-      z(static_cast<std::size_t>(rows) * width);
-  for (int h = 0; h < width; ++h)
-    for (int j = 0; j < k; ++j)
-      q[static_cast<std::size_t>(j) * width + h] = static_cast<float>(directions[h][j]);
-  RowProducts(E, q.data(), width, z.data());
-  std::vector<float> scratch;
-  for (int h = 0; h < width; ++h) {
-    TakeColumn(z, width, h, scratch, scored[h]->t);
-    LeaveOut(scored[h]->t, leftOut[h], codes[h]);
-  }
-  return fits;
-}
-
 }  // namespace
 
 void PcaGroupFit::Replay(NCProgress& reporter) const {
@@ -228,12 +113,8 @@ void PcaGroupFit::Replay(NCProgress& reporter) const {
 
 PcaGroupFits FitPcaGroups(const NCDataMatrix<float>& E, const Vector& p, const Vector& t,
                           const Groups& observationGroups, const Groups& variableGroups, int groups,
-                          int limit, bool gram,
-                          const std::vector<std::vector<double>>* groupGrams) {
+                          int limit) {
   const int rows = E.SizeRows(), cols = E.SizeColumns();
-  if (gram && E.GetNumMisVal() == 0 && p.GetNumMisVal() == 0 && t.GetNumMisVal() == 0 &&
-      rows >= cols && rows > 1)
-    return FitOnGram(E, p, t, observationGroups, variableGroups, groups, limit, groupGrams);
   const BatchedRegressions x(E);
   PcaGroupFits fits;
   fits.withoutRows.resize(static_cast<std::size_t>(groups));
@@ -288,6 +169,100 @@ PcaGroupFits FitPcaGroups(const NCDataMatrix<float>& E, const Vector& p, const V
     for (int h = 0; h < width; ++h) active[h]->TakeScores(scores, width, h, scratch, limit);
   }
   return fits;
+}
+
+bool FitPcaGroupsOnGram(const PcaGramState& state, const Vector& p, const Groups& observationGroups,
+                        const Groups& variableGroups, int groups, int limit, PcaGroupFits& fits,
+                        std::vector<std::vector<double>>& scoreDirections) {
+  const int rows = state.residuals.base.SizeRows(), k = state.residuals.base.SizeColumns();
+  const std::size_t kk = static_cast<std::size_t>(k) * k;
+  std::vector<int> members(static_cast<std::size_t>(groups), 0);
+  for (int i = 1; i <= rows; ++i) ++members[static_cast<std::size_t>(observationGroups[i])];
+  for (int g = 0; g < groups; ++g)  // a one-row training set is fitted on its row
+    if (rows - members[static_cast<std::size_t>(g)] < 2) return false;
+  const std::vector<double>& whole = *state.gram;
+  const std::vector<std::vector<double>>& own = *state.groupGrams;
+  fits.withoutRows.assign(static_cast<std::size_t>(groups), PcaGroupFit());
+  fits.withoutColumns.assign(static_cast<std::size_t>(groups), PcaGroupFit());
+  scoreDirections.assign(static_cast<std::size_t>(groups), std::vector<double>());
+
+  // Loading fits (h < groups): t_0 = the training rows regressed on p, i.e. E q0 with
+  // q0 = p / p'p, on the Gram matrix of the training rows, the whole less the group's own. Score
+  // fits (h >= groups): from the model's t = E q, on E without the variables of group h - groups.
+  // Each fit is one task on the team, writing only its own results.
+  double pp = 0;
+  for (int j = 1; j <= k; ++j) pp += static_cast<double>(p[j]) * p[j];
+  std::vector<double> q0(static_cast<std::size_t>(k));
+  for (int j = 0; j < k; ++j) q0[j] = p[j + 1] / pp;
+  ParallelFor(2 * groups, [&](int h) {
+    const int g = h % groups;
+    const auto count = [](PcaGroupFit& fit) {
+      return [&fit](double c) {
+        fit.measures.push_back(c);
+        return true;
+      };
+    };
+    if (h < groups) {
+      PcaGroupFit& fit = fits.withoutRows[static_cast<std::size_t>(g)];
+      const std::vector<double>& mine = own[static_cast<std::size_t>(g)];
+      std::vector<double> without(kk), v0(static_cast<std::size_t>(k));
+      for (std::size_t e = 0; e < kk; ++e) without[e] = whole[e] - mine[e];
+      SymmetricTimes(without, k, q0.data(), v0.data());
+      double tt0 = 0;
+      for (int j = 0; j < k; ++j) tt0 += q0[j] * v0[j];
+      const PcaGramFit result = FitPcaOnGram(without, k, nullptr, v0, tt0, &q0, limit, count(fit));
+      fit.failed = result.failed;
+      fit.p.CopyZeroBasedVector(result.p.data(), k);
+    } else {
+      PcaGroupFit& fit = fits.withoutColumns[static_cast<std::size_t>(g)];
+      std::vector<char> keep(static_cast<std::size_t>(k));
+      for (int j = 0; j < k; ++j) keep[j] = variableGroups[j + 1] != g;
+      PcaGramFit result =
+          FitPcaOnGram(whole, k, &keep, state.gq, state.tt, &state.q, limit, count(fit));
+      fit.failed = result.failed;
+      fit.p.CopyZeroBasedVector(result.p.data(), k);
+      LeaveOut(fit.p, &variableGroups, g);
+      scoreDirections[static_cast<std::size_t>(g)] = std::move(result.q);
+    }
+  });
+  return true;
+}
+
+void GramPress(const PcaGramState& state, const std::vector<double>& directions,
+               const NCDataMatrix<float>& loadings, const Groups& variableGroups, int groups,
+               std::vector<double>& ss, std::vector<double>& press) {
+  const int k = state.residuals.base.SizeColumns();
+  const std::size_t width = static_cast<std::size_t>(k);
+  std::vector<double> groupSS(static_cast<std::size_t>(groups) * width);
+  std::vector<double> groupPress(groupSS.size());
+  // Over the rows i of group o, with t = E_o d_v (v the group of variable j) and w = o's loading:
+  // sum (e_ij - t_i w_j)^2 = G_o[j][j] - 2 w_j (G_o d_v)_j + w_j^2 d_v'G_o d_v.
+  ParallelFor(groups, [&](int o) {
+    const std::vector<double>& g = (*state.groupGrams)[static_cast<std::size_t>(o)];
+    std::vector<double> product(width * groups);
+    cblas_dgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, k, groups, k, 1.0, g.data(), k,
+                directions.data(), groups, 0.0, product.data(), groups);
+    std::vector<double> quad(static_cast<std::size_t>(groups), 0.0);
+    for (std::size_t j = 0; j < width; ++j)
+      for (int v = 0; v < groups; ++v)
+        quad[v] += directions[j * groups + v] * product[j * groups + v];
+    const float* w = loadings[o + 1].GetVector() + 1;
+    double* s = groupSS.data() + static_cast<std::size_t>(o) * width;
+    double* r = groupPress.data() + static_cast<std::size_t>(o) * width;
+    for (std::size_t j = 0; j < width; ++j) {
+      const int v = variableGroups[static_cast<int>(j) + 1];
+      const double diagonal = g[j * width + j], wj = w[j];
+      s[j] = diagonal;
+      r[j] = diagonal - 2 * wj * product[j * groups + v] + wj * wj * quad[v];
+    }
+  });
+  ss.assign(width, 0.0);
+  press.assign(width, 0.0);
+  for (int o = 0; o < groups; ++o)
+    for (std::size_t j = 0; j < width; ++j) {
+      ss[j] += groupSS[static_cast<std::size_t>(o) * width + j];
+      press[j] += groupPress[static_cast<std::size_t>(o) * width + j];
+    }
 }
 
 }  // namespace mvda::detail

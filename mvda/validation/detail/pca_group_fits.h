@@ -1,11 +1,13 @@
-// PcaGroupFit, FitPcaGroups: the one-component NIPALS fits of a PCA cross-validation, every group
-// advanced in lockstep on one copy of the residuals, and the replay of each fit's progress.
+// PcaGroupFit, FitPcaGroups, FitPcaGroupsOnGram, GramPress: the one-component NIPALS fits of a PCA
+// cross-validation, every group advanced in lockstep on one copy of the residuals or fitted on
+// Gram matrices, the PRESS of the latter, and the replay of each fit's progress.
 #ifndef MVDA_VALIDATION_DETAIL_PCA_GROUP_FITS_H_
 #define MVDA_VALIDATION_DETAIL_PCA_GROUP_FITS_H_
 
 #include <mvda/containers/data_matrix.h>
 #include <mvda/containers/data_vector.h>
 #include <mvda/containers/integral_vector.h>
+#include <mvda/models/detail/gram.h>
 #include <mvda/platform/progress.h>
 
 #include <vector>
@@ -42,17 +44,35 @@ struct PcaGroupFits {
 // The results are those of NCPCA fits on a training matrix (NextComponent(.., nullptr, 0, &start))
 // and on E (NextComponent(.., &variableGroups, g, &t)) to float rounding: the sums are formed in
 // another order. A fit that fails stops there (failed set); the others go on. Codes run 0..G-1,
-// and no observation group holds every row. With gram, complete residuals with at least as many
-// rows as columns are fitted on Gram matrices instead (the Gram matrix without a group is the whole
-// one less the group's own), with the same iterations to float precision. Thread-safety: reads its
-// arguments only; the products run on the library's team with the same bits for any team size.
-// groupGrams, when given, are the Gram matrices of E's rows of each observation group (as
-// NCPCA::GetGroupGrams keeps them); else they are formed here.
+// and no observation group holds every row. Thread-safety: reads its arguments only; the
+// products run on the library's team with the same bits for any team size.
 PcaGroupFits FitPcaGroups(const NCDataMatrix<float>& E, const NCDataVector<float>& p,
                           const NCDataVector<float>& t,
                           const NCIntegralVector<int, -99>& observationGroups,
-                          const NCIntegralVector<int, -99>& variableGroups, int groups, int limit,
-                          bool gram, const std::vector<std::vector<double>>* groupGrams);
+                          const NCIntegralVector<int, -99>& variableGroups, int groups, int limit);
+
+// The same fits of complete residuals on their Gram matrices, from a model that fits on them: the
+// Gram matrix without observation group g is the whole less the group's own, the one without
+// variable group g the whole with those variables left out, and every iteration a product with a
+// K x K matrix, so no pass over the data is made. The fits agree with FitPcaGroups to float
+// precision, iteration counts included. Their scores are not formed: scoreDirections[g] holds
+// the q of withoutColumns[g] (t = E q, 0 at the variables left out), and the t of every fit is
+// left empty. False, with nothing fitted, when some training set would have fewer than two rows
+// (FitPcaGroups fits those on the row itself).
+bool FitPcaGroupsOnGram(const PcaGramState& state, const NCDataVector<float>& p,
+                        const NCIntegralVector<int, -99>& observationGroups,
+                        const NCIntegralVector<int, -99>& variableGroups, int groups, int limit,
+                        PcaGroupFits& fits, std::vector<std::vector<double>>& scoreDirections);
+
+// The sums of squares SS_j and the prediction errors PRESS_j per variable over the cells of
+// complete residuals, cell (i, j) predicted as t_i w_j with t = E d_v (d_v column v of
+// `directions`, K x G row-major; v the group of variable j) and w row o + 1 of `loadings` (o the
+// observation group of row i); from the group Gram matrices alone, the groups' sums added in
+// group order.
+void GramPress(const PcaGramState& state, const std::vector<double>& directions,
+               const NCDataMatrix<float>& loadings,
+               const NCIntegralVector<int, -99>& variableGroups, int groups,
+               std::vector<double>& ss, std::vector<double>& press);
 
 }  // namespace mvda::detail
 

@@ -20,6 +20,11 @@ constexpr long long kMaxPartialElements = 32LL << 20;
 // Below this many multiply-adds a product is one piece: threads would cost more than they save.
 constexpr long long kMinParallelWork = 1LL << 22;
 
+// The work of a product with `madds` multiply-adds, in the elements-read units of RunPieces: the
+// BLAS kernels run a multiply-add many times faster than the masked loops read an element.
+constexpr long long kMaddsPerElement = 16;
+inline long long GemmWork(long long madds) { return madds / kMaddsPerElement; }
+
 // A cut of [0, size) into `count` ranges of `step` (the last one shorter).
 struct Cut {
   int size = 0, step = 1, count = 1;
@@ -71,7 +76,7 @@ void AddPartials(const std::vector<T>& partials, int blocks, int m, int n, T* c,
                  bool upperOnly) {
   const std::size_t size = static_cast<std::size_t>(m) * n;
   const Cut bands(m, std::max(1, std::min(16, m / 16)));
-  RunPieces(bands.count, [&](int band) {
+  RunPieces(bands.count, static_cast<long long>(blocks) * size, [&](int band) {
     std::vector<double> sum(static_cast<std::size_t>(n));
     for (int i = bands.Begin(band); i < bands.End(band); ++i) {
       const int j0 = upperOnly ? i : 0;
@@ -111,7 +116,7 @@ void BlockedGemm(bool transposeA, bool transposeB, int m, int n, int k, const T*
   const Cut bands = Bands(m, out * k);
   std::vector<T> partials;
   if (blocks.count > 1) partials.resize(static_cast<std::size_t>(blocks.count) * out);
-  RunPieces(blocks.count * bands.count, [&](int piece) {
+  RunPieces(blocks.count * bands.count, GemmWork(out * k), [&](int piece) {
     const int block = piece / bands.count, band = piece % bands.count;
     const int k0 = blocks.Begin(block), kk = blocks.End(block) - k0;
     const int i0 = bands.Begin(band), mm = bands.End(band) - i0;
@@ -140,7 +145,7 @@ void BlockedCrossProduct(const T* const* x, int xCols, const T* const* y, int yC
   const Cut bands = blocks.count >= kEnoughBlocks ? Cut(m, 1) : Bands(m, size * rows);
   std::vector<T> partials;
   if (blocks.count > 1) partials.resize(static_cast<std::size_t>(blocks.count) * size);
-  RunPieces(blocks.count * bands.count, [&](int piece) {
+  RunPieces(blocks.count * bands.count, GemmWork((gram ? size / 2 : size) * rows), [&](int piece) {
     const int block = piece / bands.count, band = piece % bands.count;
     const int r0 = blocks.Begin(block), kk = blocks.End(block) - r0;
     const int i0 = bands.Begin(band), mm = bands.End(band) - i0;

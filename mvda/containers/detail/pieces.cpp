@@ -114,9 +114,10 @@ int PiecesTeamSize() {
   return ThreadingControl::IsThreadingOn() ? ThreadingControl::GetNumberOfProcessors() : 1;
 }
 
-void RunPiecesImpl(int count, void (*run)(void* context, int k), void* context) {
+void RunPiecesImpl(int count, int most, void (*run)(void* context, int k), void* context) {
   if (count <= 0) return;
-  const int team = count > 1 ? PiecesTeamSize() : 1;
+  int team = count > 1 ? PiecesTeamSize() : 1;
+  if (most > 0) team = std::min(team, most);
   Job job;
   job.count = count;
   job.run = run;

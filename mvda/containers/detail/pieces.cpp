@@ -59,13 +59,15 @@ class Pool {
   }
 
   void Run(Job& job, int helpers) {
+    bool wake = false;  // job.wanted itself is the workers' to count down once unlocked
     {
       std::lock_guard<std::mutex> lock(mutex_);
       Grow(helpers);
       job.wanted = std::min(helpers, workers_);
-      if (job.wanted > 0) jobs_.push_back(&job);
+      wake = job.wanted > 0;
+      if (wake) jobs_.push_back(&job);
     }
-    if (job.wanted > 0) wake_.notify_all();
+    if (wake) wake_.notify_all();
     job.Work();
     std::unique_lock<std::mutex> lock(mutex_);
     const auto it = std::find(jobs_.begin(), jobs_.end(), &job);

@@ -21,12 +21,12 @@
 #include <benchmark/benchmark.h>
 #include <cblas.h>
 
+#include "threading_for.h"
+
 namespace {
 
 constexpr int kRows = 10000;
 constexpr int kColumns = 500;
-
-using NCMultiThreading::ThreadingControl;
 
 struct Data {
   NCDataMatrix<float> complete, gappy;  // gappy: about 10% missing
@@ -68,16 +68,6 @@ const Data& Get() {
   }();
   return data;
 }
-
-// Sets the threading switch for one benchmark and puts the default back afterwards.
-class ThreadingFor {
- public:
-  explicit ThreadingFor(const benchmark::State& state) {
-    ThreadingControl::Reset();
-    ThreadingControl::SetThreadingIsOn(state.range(1) != 0);
-  }
-  ~ThreadingFor() { ThreadingControl::Reset(); }
-};
 
 void SetMatrixBytes(benchmark::State& state, int matrices = 1) {
   state.SetBytesProcessed(state.iterations() * int64_t{matrices} * kRows * kColumns *
@@ -137,7 +127,7 @@ const NCDataMatrix<float>& MatrixFor(const benchmark::State& state) {
 }
 
 void BM_PreMultiply(benchmark::State& state) {
-  const ThreadingFor threading(state);
+  const ThreadingFor threading(state, 1);
   const NCDataMatrix<float>& m = MatrixFor(state);
   NCDataVector<float> result;
   std::vector<float> y(kColumns);
@@ -149,7 +139,7 @@ void BM_PreMultiply(benchmark::State& state) {
 }
 
 void BM_RegressColumns(benchmark::State& state) {
-  const ThreadingFor threading(state);
+  const ThreadingFor threading(state, 1);
   const NCDataMatrix<float>& m = MatrixFor(state);
   NCDataVector<float> result;
   std::vector<float> y(kColumns);
@@ -166,7 +156,7 @@ void BM_RegressColumns(benchmark::State& state) {
 }
 
 void BM_SpecialNipalsRegressColumnsFix(benchmark::State& state) {
-  const ThreadingFor threading(state);
+  const ThreadingFor threading(state, 1);
   const NCDataMatrix<float>& m = MatrixFor(state);
   NCDataVector<float> result;
   std::vector<float> y(kColumns);
@@ -180,10 +170,10 @@ void BM_SpecialNipalsRegressColumnsFix(benchmark::State& state) {
     state.SkipWithError("the floor changed a complete regression");
 }
 
-// With an exclusion list the column workers run, one boost thread per range of columns, and the
-// masked loop serves complete matrices too, since excluded rows break up the rows BLAS would read.
+// With an exclusion list the masked band sums serve complete matrices too, since excluded rows
+// break up the rows BLAS would read.
 void BM_SpecialNipalsRegressColumnsFixExcluding(benchmark::State& state) {
-  const ThreadingFor threading(state);
+  const ThreadingFor threading(state, 1);
   const NCDataMatrix<float>& m = MatrixFor(state);
   NCDataVector<float> result;
   std::vector<float> y(kColumns);
@@ -194,11 +184,11 @@ void BM_SpecialNipalsRegressColumnsFixExcluding(benchmark::State& state) {
   const NCDataVector<float> column = m.GetColumn(kColumns / 2);
   const long double expected = Get().t.SpecialNipalsRegressFixWithExclude(column, Get().groups, 3);
   if (std::fabs(result[kColumns / 2] - expected) > 1e-4 * (1 + std::fabs(expected)))
-    state.SkipWithError("the column workers differ from the vector regression");
+    state.SkipWithError("the excluding regression differs from the vector regression");
 }
 
 void BM_RegressRows(benchmark::State& state) {
-  const ThreadingFor threading(state);
+  const ThreadingFor threading(state, 1);
   const NCDataMatrix<float>& m = MatrixFor(state);
   NCDataVector<float> result;
   std::vector<float> y(kRows);
@@ -220,7 +210,7 @@ MVDA_PROJECTION_BENCHMARK(BM_RegressRows);
 
 // A'B of two complete 10000 x 500 matrices: 500 x 500, 2.5 GFLOP.
 void BM_MatrixMultiplyTransposeThis(benchmark::State& state) {
-  const ThreadingFor threading(state);
+  const ThreadingFor threading(state, 1);
   const Data& d = Get();
   NCDataMatrix<float> c;
   std::vector<float> bare(static_cast<size_t>(kColumns) * kColumns);

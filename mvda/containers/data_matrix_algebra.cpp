@@ -57,6 +57,9 @@ using Grid = mvda::detail::WorkGrid;
 using mvda::detail::RowStarts;
 constexpr int kBlockColumns = Grid::kBlockColumns;
 
+// The elements a loop over a rows x cols matrix reads: what decides how many threads it is worth.
+inline long long Work(long long rows, long long cols) { return rows * cols; }
+
 // The BLAS never reads a matrix's rows in place as one matrix. The rows are allocated one by one,
 // and whether they happen to lie at one fixed distance changes from run to run (the sanitizer's
 // quarantine makes it plain); a matrix-vector product over them in place would take that distance
@@ -121,7 +124,7 @@ ColumnSums WeightedColumnSums(const std::vector<const T*>& rows, const T* w,
   const std::size_t cells = static_cast<std::size_t>(grid.bands) * cols;
   std::vector<T> bandNum(cells, T(0));
   std::vector<T> bandDen(wantDen && !complete ? cells : 0, T(0));
-  ParallelFor(grid.bands * grid.blocks, [&](int task) {
+  ParallelFor(grid.bands * grid.blocks, Work(r, cols), [&](int task) {
     const int band = task / grid.blocks, block = task % grid.blocks;
     const int i0 = grid.BandBegin(band), i1 = grid.BandEnd(band);
     const int j0 = grid.BlockBegin(block), width = grid.BlockEnd(block) - j0;
@@ -173,39 +176,6 @@ ColumnSums WeightedColumnSums(const std::vector<const T*>& rows, const T* w,
     }
   }
   return sums;
-}
-
-// The same sums for columns first..last (1-based) with the masked loop only, band after band on
-// the calling thread: the body of a column worker. Band sums are added in band order, as above.
-template <class T>
-void WeightedColumnRange(const std::vector<const T*>& rows, const T* w,
-                         const std::vector<char>& use, int cols, int first, int last, double* num,
-                         double* den) {
-  const int r = static_cast<int>(rows.size());
-  const Grid grid(r, cols);
-  const int width = last - first + 1;
-  std::vector<T> bandNum(static_cast<std::size_t>(width)), bandDen(static_cast<std::size_t>(width));
-  std::vector<const T*> used;
-  std::vector<T> weights;
-  std::fill(num, num + width, 0.0);
-  std::fill(den, den + width, 0.0);
-  for (int b = 0; b < grid.bands; ++b) {
-    used.clear();
-    weights.clear();
-    for (int i = grid.BandBegin(b); i < grid.BandEnd(b); ++i)
-      if (use[i]) {
-        used.push_back(rows[i] + (first - 1));
-        weights.push_back(w[i]);
-      }
-    std::fill(bandNum.begin(), bandNum.end(), T(0));
-    std::fill(bandDen.begin(), bandDen.end(), T(0));
-    mvda::detail::AccumulateWeightedRows(used.data(), weights.data(), static_cast<int>(used.size()),
-                                         width, bandNum.data(), bandDen.data());
-    for (int j = 0; j < width; ++j) {
-      num[j] += bandNum[j];
-      den[j] += bandDen[j];
-    }
-  }
 }
 
 // A regression coefficient from its sums, as NCDataVector::Regress and
@@ -261,7 +231,7 @@ BlasOperand<T> MakeOperand(const NCDataMatrix<T>& m, bool zeroMissing) {
   const std::vector<const T*> rows = RowStarts(m);
   op.packed.resize(static_cast<std::size_t>(r) * c);
   const Grid grid(r, c);
-  ParallelFor(grid.bands, [&](int band) {
+  ParallelFor(grid.bands, Work(r, c), [&](int band) {
     for (int i = grid.BandBegin(band); i < grid.BandEnd(band); ++i) {
       T* to = op.packed.data() + static_cast<std::size_t>(i) * c;
       const T* from = rows[i];
@@ -347,7 +317,7 @@ void NCDataMatrix<T>::MultiplyImpl(const NCDataMatrix& b, bool transposeThis, bo
     pairs.assign(c.size(), T(0));
     const auto a_at = [&](int i, int l) { return transposeThis ? (*this)[l][i] : (*this)[i][l]; };
     const auto b_at = [&](int l, int j) { return transposeOther ? b[j][l] : b[l][j]; };
-    ParallelFor(m, [&](int i) {
+    ParallelFor(m, Work(m, n) * k, [&](int i) {
       for (int l = 1; l <= k; ++l) {
         const T x = a_at(i + 1, l);
         if (x == kMis<T>) continue;
@@ -392,7 +362,7 @@ void NCDataMatrix<T>::MultiplyImpl(const NCDataMatrix& b, bool transposeThis, bo
   if (n == 0) return;
   const bool scale = skipping && rescale && !pairs.empty();
   const Grid grid(m, n);
-  ParallelFor(grid.bands, [&](int band) {
+  ParallelFor(grid.bands, Work(m, n), [&](int band) {
     for (int i = grid.BandBegin(band); i < grid.BandEnd(band); ++i) {
       T* row = out.row_array_[i + 1].GetVector() + 1;
       const T* from = c.data() + static_cast<std::size_t>(i) * n;
@@ -465,7 +435,7 @@ void NCDataMatrix<T>::MulVecImpl(const Row& v, Row& out) const {
     pz[j] = mvda::detail::KeepBits(x[j], keep[j]);
   }
   const Grid grid(rows_, c);
-  ParallelFor(grid.bands, [&](int band) {
+  ParallelFor(grid.bands, Work(rows_, c), [&](int band) {
     for (int i = grid.BandBegin(band); i < grid.BandEnd(band); ++i) {
       const Row& row = row_array_[i + 1];
       const T* z = c > 0 ? row.GetVector() + 1 : nullptr;
@@ -538,7 +508,7 @@ template <class T, class F>
 void ZipRows(const NCDataMatrix<T>& a, const NCDataMatrix<T>* b, std::vector<T*>& outRows, F f) {
   const int r = a.SizeRows(), c = a.SizeColumns();
   const Grid grid(r, c);
-  ParallelFor(grid.bands, [&](int band) {
+  ParallelFor(grid.bands, Work(r, c), [&](int band) {
     for (int i = grid.BandBegin(band); i < grid.BandEnd(band); ++i) {
       const T* x = a[i + 1].GetVector() + 1;
       const T* y = b ? (*b)[i + 1].GetVector() + 1 : nullptr;
@@ -655,7 +625,7 @@ void NCDataMatrix<T>::RankOneUpdate(const Row& a, const Row& b, T factor, const 
   const int c = columns_;
   std::vector<char> changed(static_cast<std::size_t>(rows_), 0);
   const Grid grid(rows_, c);
-  ParallelFor(grid.bands, [&](int band) {
+  ParallelFor(grid.bands, Work(rows_, c), [&](int band) {
     for (int i = grid.BandBegin(band); i < grid.BandEnd(band); ++i) {
       if (x[i] == kMis<T>) continue;
       Row& row = row_array_[i + 1];
@@ -738,7 +708,7 @@ void ForEachRowInPlace(NCDataMatrix<T>& m, F f) {
   const int c = m.SizeColumns();
   if (c == 0) return;
   const Grid grid(m.SizeRows(), c);
-  ParallelFor(grid.bands, [&](int band) {
+  ParallelFor(grid.bands, Work(m.SizeRows(), c), [&](int band) {
     for (int i = grid.BandBegin(band); i < grid.BandEnd(band); ++i) {
       NCDataVector<T>& row = m(i + 1);
       row.Unlink();
@@ -938,24 +908,9 @@ void NCDataMatrix<T>::RegressColumnsImpl(const Row& t, const IndexVector* exclud
     if (b == 0 && !complete && !ColumnHasPair(rows, use, j - 1)) return kMis<T>;
     return static_cast<T>(Coefficient(a, b, all, fix));
   };
-  if (exclude) {
-    // Ranges of columns, each streaming the rows once. A column's sums come from its own column
-    // alone, so the cut changes no answer and may follow the team: two ranges per thread (so that
-    // a thread another process slows down takes fewer), each at least 128 columns wide, since
-    // every range reads all the rows again and narrow ranges would waste most of each cache line.
-    const int team = mvda::detail::PiecesTeamSize();
-    const int ranges = std::max(1, std::min(2 * team, c / 128));
-    const int step = std::max(1, (c + ranges - 1) / ranges);
-    ParallelFor((c + step - 1) / step, [&](int piece) {
-      const int first = piece * step + 1, last = std::min(c, first + step - 1);
-      std::vector<double> num(static_cast<std::size_t>(last - first + 1)), den(num.size());
-      WeightedColumnRange(rows, w, use, c, first, last, num.data(), den.data());
-      for (int j = first; j <= last; ++j) result[j] = finish(j, num[j - first], den[j - first]);
-    });
-  } else {
-    const ColumnSums sums = WeightedColumnSums(rows, w, use, c, complete, true);
-    for (int j = 1; j <= c; ++j) result[j] = finish(j, sums.num[j - 1], sums.den[j - 1]);
-  }
+  // Rows left out by the exclusion list take no part, as rows whose weight is missing.
+  const ColumnSums sums = WeightedColumnSums(rows, w, use, c, complete, true);
+  for (int j = 1; j <= c; ++j) result[j] = finish(j, sums.num[j - 1], sums.den[j - 1]);
   SetCountFromElements(out);
 }
 
@@ -1013,7 +968,7 @@ void NCDataMatrix<T>::RegressRowsImpl(const Row& p, const IndexVector* exclude, 
   const bool fast = p.GetNumMisVal() == 0 && !exclude;
   const Grid grid(rows_, c);
   // Each row's result comes from that row alone, so any team gives the same result.
-  ParallelFor(grid.bands, [&](int band) {
+  ParallelFor(grid.bands, Work(rows_, c), [&](int band) {
     std::vector<int> plain, masked;  // 0-based rows
     for (int i = grid.BandBegin(band); i < grid.BandEnd(band); ++i)
       (fast && row_array_[i + 1].GetNumMisVal() == 0 ? plain : masked).push_back(i);
@@ -1074,7 +1029,7 @@ std::vector<double> NCDataMatrix<T>::ColumnSquares(int first, int last,
   const Grid grid(rows_, columns_);
   const int blocks = (width - 1) / kBlockColumns + 1;
   std::vector<double> bandSums(static_cast<std::size_t>(grid.bands) * width, 0.0);
-  ParallelFor(grid.bands * blocks, [&](int task) {
+  ParallelFor(grid.bands * blocks, Work(rows_, width), [&](int task) {
     const int band = task / blocks, block = task % blocks;
     const int j0 = block * kBlockColumns, n = std::min(width, j0 + kBlockColumns) - j0;
     std::vector<const T*> starts;

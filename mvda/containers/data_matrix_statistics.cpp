@@ -27,7 +27,7 @@ template <class T, class F>
 long double SumOverRows(const NCDataMatrix<T>& m, F perRow) {
   std::vector<long double> slots(static_cast<std::size_t>(m.SizeRows()), 0);
   const mvda::detail::WorkGrid grid(m.SizeRows(), m.SizeColumns());
-  ParallelFor(grid.bands, [&](int band) {
+  ParallelFor(grid.bands, static_cast<long long>(m.SizeRows()) * m.SizeColumns(), [&](int band) {
     for (int i = grid.BandBegin(band); i < grid.BandEnd(band); ++i) slots[i] = perRow(m[i + 1]);
   });
   long double total = 0;
@@ -141,7 +141,7 @@ long double NCDataMatrix<T>::GetSSAroundColumnMeans() const {
   const mvda::detail::WorkGrid grid(rows_, columns_);
   const int c = columns_;
   std::vector<double> bandSums(static_cast<std::size_t>(grid.bands) * c, 0.0);
-  ParallelFor(grid.bands * grid.blocks, [&](int task) {
+  ParallelFor(grid.bands * grid.blocks, static_cast<long long>(rows_) * c, [&](int task) {
     const int band = task / grid.blocks, block = task % grid.blocks;
     const int j0 = grid.BlockBegin(block);
     std::vector<const T*> starts;
@@ -167,7 +167,7 @@ template <class T>
 void NCDataMatrix<T>::SNV() {
   Unlink();
   const mvda::detail::WorkGrid grid(rows_, columns_);
-  ParallelFor(grid.bands, [&](int band) {
+  ParallelFor(grid.bands, static_cast<long long>(rows_) * columns_, [&](int band) {
     for (int i = grid.BandBegin(band); i < grid.BandEnd(band); ++i)
       row_array_[i + 1] = row_array_[i + 1].SNV();
   });
@@ -195,7 +195,7 @@ typename NCDataMatrix<T>::Row NCDataMatrix<T>::GetColumnCorrelation(const Row& y
   Row out(columns_, T(0));
   out.Unlink();
   T* result = out.GetVector();
-  ParallelFor(columns_, [&](int k) {
+  ParallelFor(columns_, static_cast<long long>(rows_) * columns_, [&](int k) {
     long double r = y.Correlation(GetColumn(k + 1));
     if (absolute && r != kNotComputable) r = std::fabs(r);
     result[k + 1] = static_cast<T>(r);

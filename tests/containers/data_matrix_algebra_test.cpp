@@ -312,6 +312,29 @@ TYPED_TEST(MatrixProjections, AgreeWithVectorRegressions) {
   }
 }
 
+// The masked column sums take rows four at a time: a gap must clear its term wherever its row
+// falls in a group of four or in the tail, even when the weight is infinite (inf * -99 must not
+// reach the sum), while a present infinity still counts. 11 rows x 10 columns: two groups of four
+// and a tail of three, eight-lane body and a two-column tail.
+TYPED_TEST(MatrixProjections, GapsClearInfiniteTermsInEveryRowOfASweep) {
+  using T = TypeParam;
+  const T inf = std::numeric_limits<T>::infinity();
+  for (const int special : {0, 5, 9, 10}) {  // 0-based row with the infinite weight
+    SCOPED_TRACE("row " + std::to_string(special + 1));
+    NCDataMatrix<T> m(11, 10, T(1));
+    for (int j = 1; j <= 10; j += 2) m(special + 1, j, T(-99));  // odd columns have the gap
+    NCDataVector<T> t(11, T(2));
+    t(special + 1, inf);
+    const std::vector<double> sums = ToStd(m.PreMultiply(t));
+    for (int j = 1; j <= 10; ++j) {
+      if (j % 2 == 1)
+        EXPECT_EQ(sums[j - 1], 20.0) << "column " << j;  // ten rows of 2 * 1
+      else
+        EXPECT_EQ(sums[j - 1], static_cast<double>(inf)) << "column " << j;
+    }
+  }
+}
+
 // Sums of squares {4, 4.000001, 9}: column 3; {4, 4.000001}: column 1 (a later column must win by
 // more than one part in a million); {4, 4.00001}: column 2.
 TYPED_TEST(MatrixProjections, StartColumnPicksTheLargestSumOfSquares) {

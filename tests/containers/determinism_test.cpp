@@ -10,9 +10,11 @@
 #include <mvda/platform/error.h>
 
 #include <atomic>
+#include <chrono>
 #include <cmath>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -227,6 +229,29 @@ TEST_F(Determinism, PiecesRunOnceEachAndHandOnTheFirstFailure) {
   std::vector<int> order;
   mvda::detail::RunPieces(5, [&](int k) { order.push_back(k); });
   EXPECT_EQ(order, (std::vector<int>{0, 1, 2, 3, 4}));
+}
+
+// A loop too small to pay for waking a worker runs on the calling thread alone, in order, however
+// many processors are allowed; a loop with the work for two threads still runs every piece once.
+TEST_F(Determinism, SmallLoopsStayOnTheCallingThread) {
+  ThreadingControl::SetNumberOfProcessors(7);
+  ThreadingControl::SetThreadingIsOn(true);
+  const std::thread::id caller = std::this_thread::get_id();
+  // Each piece sleeps a little, so that an idle worker allowed to join surely would.
+  std::vector<std::thread::id> ran(16);
+  std::vector<int> order;
+  mvda::detail::RunPieces(16, 2 * mvda::detail::kMinWorkPerThread - 1, [&](int k) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    ran[k] = std::this_thread::get_id();
+    order.push_back(k);
+  });
+  for (int k = 0; k < 16; ++k) EXPECT_EQ(ran[k], caller) << k;
+  ASSERT_EQ(order.size(), 16u);
+  for (int k = 0; k < 16; ++k) EXPECT_EQ(order[k], k);
+
+  std::vector<std::atomic<int>> runs(64);
+  mvda::detail::RunPieces(64, 2 * mvda::detail::kMinWorkPerThread, [&](int k) { runs[k]++; });
+  for (int k = 0; k < 64; ++k) EXPECT_EQ(runs[k], 1) << k;
 }
 
 }  // namespace

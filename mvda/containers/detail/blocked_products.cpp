@@ -20,6 +20,11 @@ constexpr long long kMaxPartialElements = 32LL << 20;
 // Below this many multiply-adds a product is one piece: threads would cost more than they save.
 constexpr long long kMinParallelWork = 1LL << 22;
 
+// The work of a product with `madds` multiply-adds, in the elements-read units of RunPieces: the
+// BLAS kernels run a multiply-add many times faster than the masked loops read an element.
+constexpr long long kMaddsPerElement = 16;
+inline long long GemmWork(long long madds) { return madds / kMaddsPerElement; }
+
 // A cut of [0, size) into `count` ranges of `step` (the last one shorter).
 struct Cut {
   int size = 0, step = 1, count = 1;
@@ -51,33 +56,81 @@ Cut Bands(int m, long long work) {
 
 // A buffer whose first element sits on a 64-byte boundary, whatever the allocator returns, so
 // that even a BLAS kernel that peeled elements for alignment would see the same layout each time.
+// Each thread keeps three such buffers between calls, up to kKeepBytes each: fresh multi-megabyte
+// buffers per piece cost page faults every time, and on several threads at once the kernel's TLB
+// shootdowns whenever one was given back, which made the threaded products slower than one
+// thread. Elements are not cleared: every user writes what it reads.
+constexpr std::size_t kKeepBytes = std::size_t{8} << 20;
+
 template <class T>
 class AlignedBuffer {
  public:
   T* Get(std::size_t n) {
-    storage_.resize(n + 64 / sizeof(T));
-    void* p = storage_.data();
-    std::size_t space = storage_.size() * sizeof(T);
+    const std::size_t need = n + 64 / sizeof(T);
+    if (size_ < need) {
+      storage_.reset();
+      storage_.reset(new T[need]);
+      size_ = need;
+    }
+    void* p = storage_.get();
+    std::size_t space = size_ * sizeof(T);
     return static_cast<T*>(std::align(64, n * sizeof(T), p, space));
+  }
+  // Gives the memory back if it is more than a thread should keep.
+  void Trim() {
+    if (size_ * sizeof(T) > kKeepBytes) {
+      storage_.reset();
+      size_ = 0;
+    }
   }
 
  private:
-  std::vector<T> storage_;
+  std::unique_ptr<T[]> storage_;
+  std::size_t size_ = 0;
+};
+
+// A buffer of the calling thread's own, trimmed when given back; a local one should the thread's
+// be in use further up its stack.
+template <class T>
+class Borrowed {
+ public:
+  Borrowed() {
+    thread_local AlignedBuffer<T> kept[3];
+    thread_local bool busy[3] = {false, false, false};
+    for (int k = 0; k < 3 && !buffer_; ++k)
+      if (!busy[k]) {
+        busy[k] = true;
+        buffer_ = &kept[k];
+        busy_ = &busy[k];
+      }
+    if (!buffer_) buffer_ = &local_;
+  }
+  ~Borrowed() {
+    buffer_->Trim();
+    if (busy_) *busy_ = false;
+  }
+  Borrowed(const Borrowed&) = delete;
+  Borrowed& operator=(const Borrowed&) = delete;
+  T* Get(std::size_t n) { return buffer_->Get(n); }
+
+ private:
+  AlignedBuffer<T> local_;
+  AlignedBuffer<T>* buffer_ = nullptr;
+  bool* busy_ = nullptr;
 };
 
 // Adds the block partials (each m x n, contiguous) in block order into c, band by band.
 template <class T>
-void AddPartials(const std::vector<T>& partials, int blocks, int m, int n, T* c, int ldc,
-                 bool upperOnly) {
+void AddPartials(const T* partials, int blocks, int m, int n, T* c, int ldc, bool upperOnly) {
   const std::size_t size = static_cast<std::size_t>(m) * n;
   const Cut bands(m, std::max(1, std::min(16, m / 16)));
-  RunPieces(bands.count, [&](int band) {
+  RunPieces(bands.count, static_cast<long long>(blocks) * size, [&](int band) {
     std::vector<double> sum(static_cast<std::size_t>(n));
     for (int i = bands.Begin(band); i < bands.End(band); ++i) {
       const int j0 = upperOnly ? i : 0;
       std::fill(sum.begin() + j0, sum.end(), 0.0);
       for (int b = 0; b < blocks; ++b) {
-        const T* from = partials.data() + b * size + static_cast<std::size_t>(i) * n;
+        const T* from = partials + b * size + static_cast<std::size_t>(i) * n;
         for (int j = j0; j < n; ++j) sum[j] += from[j];
       }
       T* to = c + static_cast<std::size_t>(i) * ldc;
@@ -109,16 +162,17 @@ void BlockedGemm(bool transposeA, bool transposeB, int m, int n, int k, const T*
   const long long out = static_cast<long long>(m) * n;
   const Cut blocks = InnerBlocks(k, out);
   const Cut bands = Bands(m, out * k);
-  std::vector<T> partials;
-  if (blocks.count > 1) partials.resize(static_cast<std::size_t>(blocks.count) * out);
-  RunPieces(blocks.count * bands.count, [&](int piece) {
+  Borrowed<T> partialBuffer;
+  T* const partials =
+      blocks.count > 1 ? partialBuffer.Get(static_cast<std::size_t>(blocks.count) * out) : nullptr;
+  RunPieces(blocks.count * bands.count, GemmWork(out * k), [&](int piece) {
     const int block = piece / bands.count, band = piece % bands.count;
     const int k0 = blocks.Begin(block), kk = blocks.End(block) - k0;
     const int i0 = bands.Begin(band), mm = bands.End(band) - i0;
     const T* as = transposeA ? a + static_cast<std::size_t>(k0) * lda + i0
                              : a + static_cast<std::size_t>(i0) * lda + k0;
     const T* bs = transposeB ? b + k0 : b + static_cast<std::size_t>(k0) * ldb;
-    T* to = blocks.count > 1 ? partials.data() + block * out + static_cast<std::size_t>(i0) * n
+    T* to = blocks.count > 1 ? partials + block * out + static_cast<std::size_t>(i0) * n
                              : c + static_cast<std::size_t>(i0) * ldc;
     Gemm(transposeA, transposeB, mm, n, kk, as, lda, bs, ldb, to, blocks.count > 1 ? n : ldc);
   });
@@ -138,15 +192,16 @@ void BlockedCrossProduct(const T* const* x, int xCols, const T* const* y, int yC
   }
   const Cut blocks = InnerBlocks(rows, size, kMinRowBlock);
   const Cut bands = blocks.count >= kEnoughBlocks ? Cut(m, 1) : Bands(m, size * rows);
-  std::vector<T> partials;
-  if (blocks.count > 1) partials.resize(static_cast<std::size_t>(blocks.count) * size);
-  RunPieces(blocks.count * bands.count, [&](int piece) {
+  Borrowed<T> partialBuffer;
+  T* const partials =
+      blocks.count > 1 ? partialBuffer.Get(static_cast<std::size_t>(blocks.count) * size) : nullptr;
+  RunPieces(blocks.count * bands.count, GemmWork((gram ? size / 2 : size) * rows), [&](int piece) {
     const int block = piece / bands.count, band = piece % bands.count;
     const int r0 = blocks.Begin(block), kk = blocks.End(block) - r0;
     const int i0 = bands.Begin(band), mm = bands.End(band) - i0;
-    T* to = (blocks.count > 1 ? partials.data() + block * size : out) +
+    T* to = (blocks.count > 1 ? partials + block * size : out) +
             static_cast<std::size_t>(i0) * n;
-    AlignedBuffer<T> first, second;
+    Borrowed<T> first, second;
     if (gram) {
       // Columns i0.. of the block: the band's own columns lead, so A and B share the copy.
       const int w = m - i0;

@@ -32,7 +32,8 @@ void BlockedGemm(bool transposeA, bool transposeB, int m, int n, int k, const T*
 //   single-threaded Gemm. Block results are added in block order in double, then rounded once.
 // - The rows must be complete (no missing marker); the caller handles gaps.
 // - Memory: the partial results of the blocks (at most 32 Mi elements beyond out) and one copy of
-//   a block's rows per running piece.
+//   a block's rows per running piece. Each thread keeps these buffers for its next call as long
+//   as none exceeds 8 MB.
 template <class T>
 void BlockedCrossProduct(const T* const* x, int xCols, const T* const* y, int yCols, int rows,
                          T* out);

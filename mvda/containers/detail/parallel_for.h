@@ -27,6 +27,13 @@ void ParallelFor(int count, Body&& body) {
   RunPieces(count, std::forward<Body>(body));
 }
 
+// The same for iterations that together read about `work` elements: small loops stay on the
+// calling thread (see RunPieces).
+template <class Body>
+void ParallelFor(int count, long long work, Body&& body) {
+  RunPieces(count, work, std::forward<Body>(body));
+}
+
 }  // namespace mvda::detail
 
 #endif  // MVDA_CONTAINERS_DETAIL_PARALLEL_FOR_H_

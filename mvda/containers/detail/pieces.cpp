@@ -59,13 +59,15 @@ class Pool {
   }
 
   void Run(Job& job, int helpers) {
+    bool wake = false;  // job.wanted itself is the workers' to count down once unlocked
     {
       std::lock_guard<std::mutex> lock(mutex_);
       Grow(helpers);
       job.wanted = std::min(helpers, workers_);
-      if (job.wanted > 0) jobs_.push_back(&job);
+      wake = job.wanted > 0;
+      if (wake) jobs_.push_back(&job);
     }
-    if (job.wanted > 0) wake_.notify_all();
+    if (wake) wake_.notify_all();
     job.Work();
     std::unique_lock<std::mutex> lock(mutex_);
     const auto it = std::find(jobs_.begin(), jobs_.end(), &job);
@@ -114,9 +116,10 @@ int PiecesTeamSize() {
   return ThreadingControl::IsThreadingOn() ? ThreadingControl::GetNumberOfProcessors() : 1;
 }
 
-void RunPiecesImpl(int count, void (*run)(void* context, int k), void* context) {
+void RunPiecesImpl(int count, int most, void (*run)(void* context, int k), void* context) {
   if (count <= 0) return;
-  const int team = count > 1 ? PiecesTeamSize() : 1;
+  int team = count > 1 ? PiecesTeamSize() : 1;
+  if (most > 0) team = std::min(team, most);
   Job job;
   job.count = count;
   job.run = run;

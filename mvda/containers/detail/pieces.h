@@ -6,6 +6,7 @@
 
 #include <mvda/mvda_export.h>
 
+#include <algorithm>
 #include <type_traits>
 #include <utility>
 
@@ -33,16 +34,43 @@ int PiecesTeamSize();
 template <class Piece>
 void RunPieces(int count, Piece&& piece);
 
+// Waking a sleeping worker takes tens of microseconds, and on a virtual machine or a busy one
+// hundreds: a thread joins a loop only for at least this much work, counted in elements read (or
+// multiply-adds), about a millisecond of the masked loops on one thread.
+constexpr long long kMinWorkPerThread = 1LL << 20;
+
+// As above, for pieces that together read about `work` elements: on at most
+// work / kMinWorkPerThread threads, so that a small loop runs on the calling thread alone and
+// never waits for a worker to wake. The pieces are the same whatever the team, and so is the
+// answer.
+template <class Piece>
+void RunPieces(int count, long long work, Piece&& piece);
+
 // ---------------------------------------------------------------------------------------------
 
 // The type-erased core: calls run(context, k). Exported for its tests only.
-MVDA_EXPORT void RunPiecesImpl(int count, void (*run)(void* context, int k), void* context);
+// A team of at most `most` threads; most <= 0 means no bound but the processor count.
+MVDA_EXPORT void RunPiecesImpl(int count, int most, void (*run)(void* context, int k),
+                               void* context);
+
+// The team that `work` elements pay for: at least 1.
+inline int TeamForWork(long long work) {
+  return static_cast<int>(std::clamp(work / kMinWorkPerThread, 1LL, 1LL << 20));
+}
 
 template <class Piece>
 void RunPieces(int count, Piece&& piece) {
   using P = std::remove_reference_t<Piece>;
   RunPiecesImpl(
-      count, [](void* context, int k) { (*static_cast<P*>(context))(k); },
+      count, 0, [](void* context, int k) { (*static_cast<P*>(context))(k); },
+      const_cast<void*>(static_cast<const void*>(&piece)));
+}
+
+template <class Piece>
+void RunPieces(int count, long long work, Piece&& piece) {
+  using P = std::remove_reference_t<Piece>;
+  RunPiecesImpl(
+      count, TeamForWork(work), [](void* context, int k) { (*static_cast<P*>(context))(k); },
       const_cast<void*>(static_cast<const void*>(&piece)));
 }
 

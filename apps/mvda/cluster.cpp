@@ -138,7 +138,7 @@ ClusterResult Cluster(Dataset data, const std::string& method, const std::string
   // The exact linkages keep no distance list and use no cache.
   DendroGram::ExactLinkage exact = DendroGram::ExactLinkage::kWard;
   const bool is_exact = DendroGram::ExactLinkageFromName(method, exact);
-  const auto calculator = is_exact ? nullptr : Calculator(method);
+  auto calculator = is_exact ? nullptr : Calculator(method);
   Matrix x = data.x;
   FitScale(x, data.x_names, scaling, data.path);
   result.data = std::move(data);
@@ -150,6 +150,9 @@ ClusterResult Cluster(Dataset data, const std::string& method, const std::string
       is_exact ? DendroGram::GetExactDendroGram(x, exact, progress.get())
                : DendroGram::GetDendroGram(x, *calculator, progress.get(), cache.get()));
   ThrowIfStopped();
+  // The distances (in memory or a segment of them for the disk) are done with: what follows
+  // needs room when memory was short enough for the list to go to the disk.
+  calculator.reset();
 
   NCDataVector<float> heights;
   NCIntegralVector<unsigned long, 0> a, b, merged;

@@ -124,8 +124,8 @@ PredictResult Predict(const ModelFile& model, const std::string& model_path, con
       finite = finite && std::isfinite(result.y_pred[i][r]);
     if (!finite) {
       const std::size_t at = static_cast<std::size_t>(i - 1);
-      const std::string line =
-          at < table.row_lines.size() ? std::to_string(table.row_lines[at]) : "#" + std::to_string(i);
+      const std::string line = at < table.row_lines.size() ? std::to_string(table.row_lines[at])
+                                                            : "#" + std::to_string(i);
       throw ToolError(table.path + ": row " + line + " ('" + table.row_names[at] +
                       "'): its scores or predictions pass single precision (about 3.4e38); the "
                       "values are far outside what " + model_path + " was fitted on");

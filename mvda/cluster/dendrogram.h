@@ -169,18 +169,6 @@ class MVDA_EXPORT DendroGramNode : public UStreamBase {
   int model_ = 0;
 };
 
-// Clusters the rows of `data` with `calc` (Ward or single linkage) and returns the root of the
-// tree, which the caller owns and frees with Destroy(). One leaf per row; each inner node's height
-// is the distance at which its children were merged; SortBySize has been applied. `progress` and
-// `cache` may be null. With a cache, a tree stored under the name of the same data and calculator
-// settings is read and returned instead of computed, and a computed tree is stored; a stored tree
-// that cannot be read, or does not fit the data, is computed again.
-//
-// The data must have at least one row and one column, finite values only, and -99 for missing
-// values; a matrix with missing values must pass the admission check (no row more than half
-// missing, every two rows sharing at least sqrt(columns) present columns). Throws ClusterRowError
-// with the host's texts for these, "Cluster analysis aborted." for a stop from the progress reporter, and
-// the calculator's errors (memory, temporary files).
 // The admission error of one row or a pair of rows: what() is the host's text, unchanged; Row and
 // OtherRow (1-based rows of the matrix; 0 when there is no second one) and Problem (what is wrong,
 // in words that name no row) let a tool name the observation the way its user knows it.
@@ -200,6 +188,18 @@ class MVDA_EXPORT ClusterRowError : public NCError {
   std::string problem_;
 };
 
+// Clusters the rows of `data` with `calc` (Ward or single linkage) and returns the root of the
+// tree, which the caller owns and frees with Destroy(). One leaf per row; each inner node's height
+// is the distance at which its children were merged; SortBySize has been applied. `progress` and
+// `cache` may be null. With a cache, a tree stored under the name of the same data and calculator
+// settings is read and returned instead of computed, and a computed tree is stored; a stored tree
+// that cannot be read, or does not fit the data, is computed again.
+//
+// The data must have at least one row and one column, finite values only, and -99 for missing
+// values; a matrix with missing values must pass the admission check (no row more than half
+// missing, every two rows sharing at least sqrt(columns) present columns). Throws ClusterRowError
+// with the host's texts for these, "Cluster analysis aborted." for a stop from the progress
+// reporter, and the calculator's errors (memory, temporary files).
 MVDA_EXPORT DendroGramNode* GetDendroGram(const NCDataMatrix<float>& data,
                                           ClusterDistanceCalculator& calc, NCProgress* progress,
                                           TwStreamSource* cache);

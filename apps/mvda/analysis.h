@@ -23,6 +23,7 @@ using Matrix = NCDataMatrix<float>;
 struct Dataset {
   std::string path;
   std::vector<std::string> row_names;
+  std::vector<long> row_lines;  // per observation, its line in the file (for messages)
   std::vector<std::string> x_names;
   Matrix x;
   std::vector<std::string> y_names;

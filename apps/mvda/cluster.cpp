@@ -100,6 +100,15 @@ void CutTree(ClusterResult& result) {
   }
 }
 
+// "row <line> ('<name>')" of the matrix row `row` (1-based), as the user finds it in the file.
+std::string RowInFile(const Dataset& data, int row) {
+  const std::size_t i = static_cast<std::size_t>(row - 1);
+  if (row < 1 || i >= data.row_names.size()) return "row " + std::to_string(row);
+  const long line = i < data.row_lines.size() ? data.row_lines[i] : 0;
+  return "row " + (line > 0 ? std::to_string(line) : "#" + std::to_string(row)) + " ('" +
+         data.row_names[i] + "')";
+}
+
 }  // namespace
 
 std::vector<int> TopClusters(const ClusterResult& result, int count) {
@@ -138,7 +147,7 @@ ClusterResult Cluster(Dataset data, const std::string& method, const std::string
   // The exact linkages keep no distance list and use no cache.
   DendroGram::ExactLinkage exact = DendroGram::ExactLinkage::kWard;
   const bool is_exact = DendroGram::ExactLinkageFromName(method, exact);
-  const auto calculator = is_exact ? nullptr : Calculator(method);
+  auto calculator = is_exact ? nullptr : Calculator(method);
   Matrix x = data.x;
   FitScale(x, data.x_names, scaling, data.path);
   result.data = std::move(data);
@@ -146,10 +155,20 @@ ClusterResult Cluster(Dataset data, const std::string& method, const std::string
   std::unique_ptr<TwFolderStreamSource> cache;
   if (!cache_dir.empty()) cache = std::make_unique<TwFolderStreamSource>(cache_dir);
   const auto progress = StepProgress("Clustering");
-  const std::unique_ptr<DendroGram::DendroGramNode, TreeDeleter> root(
-      is_exact ? DendroGram::GetExactDendroGram(x, exact, progress.get())
-               : DendroGram::GetDendroGram(x, *calculator, progress.get(), cache.get()));
+  std::unique_ptr<DendroGram::DendroGramNode, TreeDeleter> root;
+  try {
+    root.reset(is_exact ? DendroGram::GetExactDendroGram(x, exact, progress.get())
+                        : DendroGram::GetDendroGram(x, *calculator, progress.get(), cache.get()));
+  } catch (const DendroGram::ClusterRowError& e) {
+    // The library counts rows of the matrix; the user looks for a line and a name in the file.
+    std::string where = RowInFile(result.data, e.Row());
+    if (e.OtherRow() > 0) where += " and " + RowInFile(result.data, e.OtherRow());
+    throw ToolError(result.data.path + ": " + where + ": " + e.Problem());
+  }
   ThrowIfStopped();
+  // The distances (in memory or a segment of them for the disk) are done with: what follows
+  // needs room when memory was short enough for the list to go to the disk.
+  calculator.reset();
 
   NCDataVector<float> heights;
   NCIntegralVector<unsigned long, 0> a, b, merged;

@@ -228,6 +228,7 @@ struct Reader {
   std::vector<std::string> header;
   int names_offset = -1;  // 1: the first column holds names, 0: it does not, -1: not known yet
   int field = 0;          // fields seen in the current record
+  long record_line = 0;   // the line the current record started on
   bool record_blank = true;
   std::vector<float> row;
   std::string row_name;
@@ -268,6 +269,7 @@ struct Reader {
   void Field(std::string_view cell) {
     if (!error.empty()) return;
     const int c = field++;
+    if (c == 0) record_line = line;
     if (!Trim(cell).empty()) record_blank = false;
     if (in_header) {
       header.push_back(Printable(Trim(cell)));
@@ -347,6 +349,7 @@ struct Reader {
     }
     const std::size_t rows = table.row_names.size();
     table.row_names.push_back(names_offset == 1 ? row_name : std::to_string(rows + 1));
+    table.row_lines.push_back(record_line);
     table.values.insert(table.values.end(), row.begin(), row.end());
     std::fill(row.begin(), row.end(), kMissing);
     row_name.clear();

@@ -21,6 +21,8 @@ struct CsvTable {
   std::string path;
   std::string names_header;            // header of the names column; "" when there is none
   std::vector<std::string> row_names;  // one per observation
+  // Per observation, its line in the file (where its first cell ends), for messages.
+  std::vector<long> row_lines;
   std::vector<std::string> columns;    // the variables, in file order
   std::vector<bool> is_text;           // per column: kept as text
   // Numbers row by row (rows x columns), -99 where missing and in text columns.

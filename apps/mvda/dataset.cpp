@@ -85,6 +85,7 @@ Dataset SelectData(const CsvTable& table, const std::vector<std::string>& y_colu
   Dataset data;
   data.path = table.path;
   data.row_names = table.row_names;
+  data.row_lines = table.row_lines;
   std::set<int> taken;
   for (const std::string& name : excluded) taken.insert(RequireColumn(table, name, "--exclude"));
   std::vector<int> y;

@@ -142,6 +142,12 @@ void PrimRows(std::ostringstream& os, const char* type, const Matrix& prim,
 json PcaJson(const ModelResult& r) { return ModelJson(r, false); }
 json PlsJson(const ModelResult& r) { return ModelJson(r, true); }
 
+// A value of observation i of a prediction: a number whenever the observation was scored (even
+// -99, which there is a result, not the missing marker), null when it was not.
+json Scored(const PredictResult& r, int i, double v) {
+  return r.scored[static_cast<std::size_t>(i - 1)] && std::isfinite(v) ? json(v) : json(nullptr);
+}
+
 json PredictJson(const PredictResult& r) {
   json out = {{"command", "predict"},
               {"model", r.model_path},
@@ -153,7 +159,11 @@ json PredictJson(const PredictResult& r) {
               {"missing_share", r.missing_share},
               {"scored", r.scored}};
   json scores = json::array();
-  for (int a = 1; a <= r.components; ++a) scores.push_back(Row(r.tprim, a));
+  for (int a = 1; a <= r.components; ++a) {
+    json row = json::array();
+    for (int i = 1; i <= r.tprim.SizeColumns(); ++i) row.push_back(Scored(r, i, r.tprim[a][i]));
+    scores.push_back(row);
+  }
   out["scores"] = scores;
   json not_scored = json::array();
   for (std::size_t i = 0; i < r.scored.size(); ++i) {
@@ -161,13 +171,21 @@ json PredictJson(const PredictResult& r) {
   }
   out["not_scored"] = not_scored;
   AddDiagnostics(out, r.diagnostics);
+  json t2 = json::array(), spe = json::array();
+  for (std::size_t i = 0; i < r.scored.size(); ++i) {
+    const int row = static_cast<int>(i) + 1;
+    t2.push_back(i < r.diagnostics.t2.size() ? Scored(r, row, r.diagnostics.t2[i]) : json());
+    spe.push_back(i < r.diagnostics.spe.size() ? Scored(r, row, r.diagnostics.spe[i]) : json());
+  }
+  out["t2"] = t2;
+  out["spe"] = spe;
   if (r.kind == ModelFile::kPLS) {
     json predicted = json::object(), observed = json::object();
     for (std::size_t m = 0; m < r.y_names.size(); ++m) {
       const int col = static_cast<int>(m) + 1;
       json p = json::array(), o = json::array();
       for (int i = 1; i <= r.y_pred.SizeRows(); ++i) {
-        p.push_back(Number(r.y_pred[i][col]));
+        p.push_back(Scored(r, i, r.y_pred[i][col]));
         if (r.y_observed.SizeRows() > 0) o.push_back(Number(r.y_observed[i][col]));
       }
       predicted[r.y_names[m]] = p;

@@ -1,7 +1,13 @@
 // mvda, the command-line tool: the library's analyses on CSV files (mvda --help).
 #include <mvda/platform/progress.h>
 
+#include <malloc.h>
+#include <sys/resource.h>
+
 #include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
 
 #include "commands.h"
 
@@ -18,6 +24,22 @@ extern "C" void OnInterrupt(int) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  // Under an address-space limit (ulimit -v) every thread's own malloc arena would reserve 64 MB
+  // of it, for nothing but speed: one arena leaves that room to the distances of a clustering.
+  rlimit address_space{};
+  if (getrlimit(RLIMIT_AS, &address_space) == 0 && address_space.rlim_cur != RLIM_INFINITY)
+    mallopt(M_ARENA_MAX, 1);
   std::signal(SIGINT, OnInterrupt);
-  return mvda::cli::Run(argc, argv);
+  const int status = mvda::cli::Run(argc, argv);
+#if defined(__SANITIZE_ADDRESS__)
+  return status;  // the leak check runs at exit
+#else
+  // Ends without the libraries' exit handlers: OpenBLAS's joins its worker threads, and under a
+  // tight address-space limit (ulimit -v) a worker that never got its buffer never ends, so the
+  // finished tool would hang. Every file is written and closed by now; only the streams are left.
+  std::cout.flush();
+  std::cerr.flush();
+  std::fflush(nullptr);
+  std::_Exit(status);
+#endif
 }

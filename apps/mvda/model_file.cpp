@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <utility>
 #include <vector>
 
 #include "tool_error.h"
@@ -122,15 +123,52 @@ bool ModelFile::UStreamableStartRead(std::istream& is) {
          UStreamBase::UStreamableStartRead(is) && ModelFile::UStreamableRead(is);
 }
 
+namespace {
+
+// What entry 3 holds, told by the record it starts with, the stream left where it was: 0 when
+// neither model's record is there.
+std::int32_t HeldKind(std::istream& in) {
+  const std::istream::pos_type at = in.tellg();
+  if (at == std::istream::pos_type(-1)) return 0;
+  std::int32_t held = 0;
+  for (const auto& [magic, kind] : {std::make_pair(&NCPCA::MyStreamableData, ModelFile::kPCA),
+                                    std::make_pair(&NCPLS::MyStreamableData, ModelFile::kPLS)}) {
+    UStreamableData probe(magic->GetMagic(), 1);
+    in.clear();
+    in.seekg(at);
+    if (probe.Check(in)) held = kind;
+  }
+  in.clear();
+  in.seekg(at);
+  return in ? held : 0;
+}
+
+std::string KindName(std::int32_t kind) {
+  if (kind == ModelFile::kPCA) return "a PCA model";
+  if (kind == ModelFile::kPLS) return "a PLS model";
+  return "a model of unknown kind " + std::to_string(kind);
+}
+
+}  // namespace
+
 bool ModelFile::UStreamableRead(std::istream& is) {
   InputStreamDirectory dir(is);
   std::int32_t code = 0;
   std::istream* in = dir.GetInput(0);
-  if (!in || !ReadFourBytes(code, *in) || (code != kPCA && code != kPLS)) return false;
-  kind = static_cast<Kind>(code);
+  if (!in || !ReadFourBytes(code, *in)) return false;
   if (!(in = dir.GetInput(1)) || !ReadNestedObject(*in, x_names)) return false;
   if (!(in = dir.GetInput(2)) || !ReadNestedObject(*in, x_scale)) return false;
   if (!(in = dir.GetInput(3))) return false;
+  // A kind that does not match the model stored (a version-1 file, without checksum, edited) is
+  // named as such: "damaged" alone would not tell the user which of the two to believe.
+  const std::int32_t held = HeldKind(*in);
+  if (held != 0 && held != code) {
+    kind_problem =
+        "the file is marked as holding " + KindName(code) + " but holds " + KindName(held);
+    return false;
+  }
+  if (code != kPCA && code != kPLS) return false;
+  kind = static_cast<Kind>(code);
   if (kind == kPCA) {
     if (!ReadNestedObject(*in, pca)) return false;
   } else {
@@ -268,7 +306,13 @@ ModelFile ParseModel(const std::string& path, const std::string& bytes) {
   }
   std::istringstream in(bytes.substr(0, content));
   ModelFile model;
-  if (!StreamIn(model, in)) throw ToolError(path + ": the model file is damaged or truncated");
+  if (!StreamIn(model, in)) {
+    if (!model.kind_problem.empty()) {
+      throw ToolError(path + ": " + model.kind_problem + "; the model file is damaged or was "
+                      "edited");
+    }
+    throw ToolError(path + ": the model file is damaged or truncated");
+  }
   CheckValues(model, path);
   return model;
 }

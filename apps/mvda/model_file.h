@@ -47,6 +47,8 @@ class ModelFile : public UStreamBase {
   std::int32_t training_observations = 0;
   std::vector<double> score_variances;  // one per component
   diagnostics::SPEMoments spe;          // of the training SPE values
+  // After a failed read: why, when the file's kind and the model it holds disagree; else "".
+  std::string kind_problem;
 
   int Components() const {
     return kind == kPCA ? pca.GetPprim()->SizeRows() : pls.GetPprim()->SizeRows();

@@ -81,8 +81,8 @@ PredictResult Predict(const ModelFile& model, const std::string& model_path, con
     for (int r = 1; r <= m; ++r) {
       const float f = model.y_scale.GetScale()[r], centre = model.y_scale.GetMean()[r];
       for (int i = 1; i <= n; ++i) {
+        // Rows left unscored are blanked below; in a scored row even -99 is a prediction.
         const float v = y_scaled[i][r];
-        if (v == kMissing) continue;
         const double unscaled = (f == kMissing ? v : v / f) + (centre == kMissing ? 0 : centre);
         result.y_pred(i, r, static_cast<float>(unscaled));
       }
@@ -113,6 +113,24 @@ PredictResult Predict(const ModelFile& model, const std::string& model_path, con
   const Matrix& pprim =
       model.kind == ModelFile::kPCA ? *model.pca.GetPprim() : *model.pls.GetPprim();
   result.diagnostics = PredictionDiagnostics(x, result.tprim, pprim, model, alphas);
+  // A scored row shows numbers only: values beyond single precision (an observation far outside
+  // anything the model knows) are an error naming it, never a silent gap next to "scored".
+  for (int i = 1; i <= n; ++i) {
+    if (!result.scored[static_cast<std::size_t>(i - 1)]) continue;
+    bool finite = std::isfinite(result.diagnostics.t2[static_cast<std::size_t>(i - 1)]) &&
+                  std::isfinite(result.diagnostics.spe[static_cast<std::size_t>(i - 1)]);
+    for (int a = 1; a <= a_count; ++a) finite = finite && std::isfinite(result.tprim[a][i]);
+    for (int r = 1; r <= result.y_pred.SizeColumns(); ++r)
+      finite = finite && std::isfinite(result.y_pred[i][r]);
+    if (!finite) {
+      const std::size_t at = static_cast<std::size_t>(i - 1);
+      const std::string line = at < table.row_lines.size() ? std::to_string(table.row_lines[at])
+                                                            : "#" + std::to_string(i);
+      throw ToolError(table.path + ": row " + line + " ('" + table.row_names[at] +
+                      "'): its scores or predictions pass single precision (about 3.4e38); the "
+                      "values are far outside what " + model_path + " was fitted on");
+    }
+  }
   if (result.y_observed.SizeRows() > 0) {
     const diagnostics::PredictionErrors errors =
         diagnostics::PredictionError(result.y_observed, result.y_pred);

@@ -8,11 +8,13 @@
 #include <mvda/containers/data_vector.h>
 #include <mvda/containers/integral_vector.h>
 #include <mvda/mvda_export.h>
+#include <mvda/platform/error.h>
 #include <mvda/platform/stream.h>
 
 #include <cstdint>
 #include <iosfwd>
 #include <list>
+#include <string>
 #include <vector>
 
 class NCProgress;
@@ -167,6 +169,25 @@ class MVDA_EXPORT DendroGramNode : public UStreamBase {
   int model_ = 0;
 };
 
+// The admission error of one row or a pair of rows: what() is the host's text, unchanged; Row and
+// OtherRow (1-based rows of the matrix; 0 when there is no second one) and Problem (what is wrong,
+// in words that name no row) let a tool name the observation the way its user knows it.
+class MVDA_EXPORT ClusterRowError : public NCError {
+ public:
+  ClusterRowError(const std::string& message, int row, int other_row, std::string problem);
+  ClusterRowError(const ClusterRowError&) = default;
+  ClusterRowError& operator=(const ClusterRowError&) = default;
+  ~ClusterRowError() override;
+  int Row() const { return row_; }
+  int OtherRow() const { return other_row_; }
+  const std::string& Problem() const { return problem_; }
+
+ private:
+  int row_;
+  int other_row_;
+  std::string problem_;
+};
+
 // Clusters the rows of `data` with `calc` (Ward or single linkage) and returns the root of the
 // tree, which the caller owns and frees with Destroy(). One leaf per row; each inner node's height
 // is the distance at which its children were merged; SortBySize has been applied. `progress` and
@@ -176,9 +197,9 @@ class MVDA_EXPORT DendroGramNode : public UStreamBase {
 //
 // The data must have at least one row and one column, finite values only, and -99 for missing
 // values; a matrix with missing values must pass the admission check (no row more than half
-// missing, every two rows sharing at least sqrt(columns) present columns). Throws NCError with the
-// host's texts for these, "Cluster analysis aborted." for a stop from the progress reporter, and
-// the calculator's errors (memory, temporary files).
+// missing, every two rows sharing at least sqrt(columns) present columns). Throws ClusterRowError
+// with the host's texts for these, "Cluster analysis aborted." for a stop from the progress
+// reporter, and the calculator's errors (memory, temporary files).
 MVDA_EXPORT DendroGramNode* GetDendroGram(const NCDataMatrix<float>& data,
                                           ClusterDistanceCalculator& calc, NCProgress* progress,
                                           TwStreamSource* cache);

@@ -248,8 +248,23 @@ void SingleLinkageDistanceCalculator::Init(const NCDataMatrix<float>& data, NCPr
     mvda::detail::ComputeDistanceList(data, {1.0f, true}, progress, pairs, &counts);
     list_ = std::make_unique<mvda::detail::LazySortedList>();
     list_->Reset(std::move(pairs), mvda::detail::TeamSize(), std::move(counts));
+    // The merging needs room to sort pieces of the list beside it: a list that fits only without
+    // that room goes to the disk now rather than failing halfway.
+    if (!list_->ReserveWorkspace()) list_.reset();
   } catch (const ClusterAllocationError&) {
+    list_.reset();
+  } catch (const std::bad_alloc&) {
+    list_.reset();
+  }
+  if (list_) return;
+  try {
     InitOnDisk(data, progress);
+  } catch (const std::bad_alloc&) {
+    mega_.reset();
+    throw NCError(Format(
+        "Cluster analysis: not enough memory for single linkage of %d rows, even with the "
+        "distances on the disk (a few megabytes were needed beside the segment of distances)",
+        n));
   }
 }
 
@@ -292,16 +307,38 @@ void SingleLinkageDistanceCalculator::InitOnDisk(const NCDataMatrix<float>& data
 
   // The largest segment that the limit and the allocator allow, halving from the whole list; two
   // records at least, which the store needs to cut a band in two.
+  // The rows' table first: the segment takes what is left.
+  const mvda::detail::RowTable rows(data);
+  // The largest segment that the limit and the allocator allow, halving from the whole list; two
+  // records at least, which the store needs to cut a band in two. When the allocator refused a
+  // larger one, memory is at its end: half of what it grants is taken, so that the sorting, the
+  // threads' stacks and the tree being built find room beside the segment.
   const std::uint64_t limit = GetDistanceListMemoryLimit();
   std::vector<DistanceAndIndex> segment;
+  bool refused = false;
   for (std::size_t size = m;; size /= 2) {
     if (size <= 2) size = 2;
     if (size == 2 || limit == 0 || size * sizeof(DistanceAndIndex) <= limit) {
       try {
         segment.reserve(size);
+        if (refused) {
+          // A segment of a few records would cut the list into bands again and again, for hours;
+          // better to say now what is missing.
+          constexpr std::size_t kSmallest = std::size_t(1) << 16;
+          if (size / 2 < kSmallest)
+            throw NCError(Format(
+                "Cluster analysis: not enough memory for single linkage of %u rows: the %u "
+                "distances (%.0f bytes) do not fit in memory, and keeping them on the disk needs "
+                "%zu bytes of memory at least besides the data, of which %zu could be had",
+                n, m, 12.0 * m, 2 * kSmallest * sizeof(DistanceAndIndex),
+                size * sizeof(DistanceAndIndex)));
+          std::vector<DistanceAndIndex>().swap(segment);
+          segment.reserve(size / 2);
+        }
         break;
       } catch (const std::bad_alloc&) {
         if (size == 2) throw ClusterAllocationError(n);
+        refused = true;
       }
     }
   }
@@ -313,7 +350,6 @@ void SingleLinkageDistanceCalculator::InitOnDisk(const NCDataMatrix<float>& data
   // The store joins the calculator only when complete: a failed or stopped save takes its files
   // with it as the exception unwinds.
   auto store = std::make_unique<MegaDistances>(std::move(segment), progress, m);
-  const mvda::detail::RowTable rows(data);
   const int team = mvda::detail::TeamSize();
   store->SaveDistances([&](std::uint64_t first, std::uint64_t count, DistanceAndIndex* out) {
     mvda::detail::ComputePairRange(rows, {1.0f, true}, first, count, out, team);
@@ -331,19 +367,28 @@ float SingleLinkageDistanceCalculator::FindNearestAndMerge(int& first, int& seco
   if (!clusters_) throw NCError("SingleLinkageDistanceCalculator::FindNearestAndMerge: no data");
   // Kruskal's algorithm on the sorted list: the shortest remaining edge between two clusters.
   DistanceAndIndex edge;
-  for (;;) {
-    if (mega_) {
-      if (!mega_->Pop(edge))
-        throw NCError("SingleLinkageDistanceCalculator::FindNearestAndMerge: no pair left");
-      if (!clusters_->Joined(edge.first, edge.second)) break;
-    } else {
-      const DistanceAndIndex* next = list_ ? list_->Peek(clusters_->Labels()) : nullptr;
-      if (!next)
-        throw NCError("SingleLinkageDistanceCalculator::FindNearestAndMerge: no pair left");
-      edge = *next;  // Peek passes only pairs of rows in different clusters
-      list_->Pop();
-      break;
+  try {
+    for (;;) {
+      if (mega_) {
+        if (!mega_->Pop(edge))
+          throw NCError("SingleLinkageDistanceCalculator::FindNearestAndMerge: no pair left");
+        if (!clusters_->Joined(edge.first, edge.second)) break;
+      } else {
+        const DistanceAndIndex* next = list_ ? list_->Peek(clusters_->Labels()) : nullptr;
+        if (!next)
+          throw NCError("SingleLinkageDistanceCalculator::FindNearestAndMerge: no pair left");
+        edge = *next;  // Peek passes only pairs of rows in different clusters
+        list_->Pop();
+        break;
+      }
     }
+  } catch (const std::bad_alloc&) {
+    // Init reserved the list's workspace, or took the disk's segment with room to spare; what
+    // is left are small tables for sorting.
+    throw NCError(std::string("Cluster analysis: memory ran out while sorting the distances of "
+                              "single linkage ") +
+                  (mega_ ? "on the disk" : "in memory") +
+                  " (a few megabytes more were needed for sorting)");
   }
   clusters_->Merge(edge.first, edge.second, first, second);
   return edge.distance;

@@ -152,24 +152,39 @@ std::list<MegaDistances::TempFile> MegaDistances::Distribute(
     const TempFile& source, const std::vector<DistanceAndIndex>& limits, bool report) {
   std::vector<TempFile> bands(limits.size());
   // Records reach their band files through buffers written a block at a time (one small write a
-  // record was what splitting spent its time on). Half the segment reads, the buffers share the
-  // other half, so that the store stays within its segment's memory.
-  const std::size_t chunk = std::max<std::size_t>(1, capacity_ / 2);
-  const std::size_t buffered = std::max<std::size_t>(1, chunk / limits.size());
-  std::vector<std::vector<DistanceAndIndex>> pending(limits.size());
+  // record was what splitting spent its time on). The buffers live in the segment beside the
+  // records being read, so that the store never needs more memory than its segment: the segment
+  // was sized to what the allocator could give, and a second allocation beside it is what fails
+  // first when memory is short. Only a segment too small to give every band one record borrows a
+  // few kilobytes of its own.
+  const std::size_t band_count = limits.size();
+  std::size_t buffered = std::max<std::size_t>(1, capacity_ / 2 / band_count);
+  std::size_t chunk = capacity_ > buffered * band_count ? capacity_ - buffered * band_count : 0;
+  std::vector<DistanceAndIndex> spare;
+  DistanceAndIndex* buffers = nullptr;
+  segment_.resize(capacity_);  // within the capacity: no allocation
+  if (chunk >= 1) {
+    buffers = segment_.data() + chunk;
+  } else {
+    buffered = 1;
+    chunk = capacity_;
+    spare.resize(band_count);
+    buffers = spare.data();
+  }
+  std::vector<std::size_t> pending(band_count, 0);  // records waiting in each band's buffer
   const auto write = [&](std::size_t b) {
-    if (!WriteRecords(pending[b].data(), pending[b].size(), bands[b].file->Stream()))
+    if (!WriteRecords(buffers + b * buffered, pending[b], bands[b].file->Stream()))
       ThrowWriteError(bands[b], total_);
-    pending[b].clear();
+    pending[b] = 0;
   };
   TempFile reading = source;
   std::istream& is = Rewind(reading);
   for (std::uint64_t done = 0; done < source.count;) {
     const std::size_t count =
         static_cast<std::size_t>(std::min<std::uint64_t>(chunk, source.count - done));
-    segment_.resize(count);
     if (!ReadRecords(segment_.data(), count, is)) throw NCError(kReadError);
-    for (const DistanceAndIndex& record : segment_) {
+    for (std::size_t k = 0; k < count; ++k) {
+      const DistanceAndIndex record = segment_[k];
       // The first band whose upper key is not below the record's.
       const auto at = std::lower_bound(
           limits.begin(), limits.end(), record,
@@ -181,8 +196,8 @@ std::list<MegaDistances::TempFile> MegaDistances::Distribute(
         band = NewFile();
         band.upper = *at;
       }
-      pending[b].push_back(record);
-      if (pending[b].size() >= buffered) write(b);
+      buffers[b * buffered + pending[b]++] = record;
+      if (pending[b] >= buffered) write(b);
       band.largest = std::max(band.largest, record.distance);
       ++band.count;
     }
@@ -194,7 +209,7 @@ std::list<MegaDistances::TempFile> MegaDistances::Distribute(
     }
   }
   for (std::size_t b = 0; b < bands.size(); ++b)
-    if (!pending[b].empty()) write(b);
+    if (pending[b] > 0) write(b);
   segment_.clear();
   std::list<TempFile> filled;
   for (TempFile& band : bands) {

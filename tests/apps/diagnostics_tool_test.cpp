@@ -15,20 +15,12 @@
 #include <nlohmann/json.hpp>
 
 #include "run_tool.h"
+#include "tool_json.h"
 #include "support/csv.h"  // ReadCsv(name) of data/, DataDir()
 
 namespace {
 
-using Json = nlohmann::json;
 using Columns = std::vector<std::vector<double>>;  // column by column
-
-Json RunJson(const std::vector<std::string>& args) {
-  const ToolRun run = RunTool(args);
-  EXPECT_EQ(run.exit_code, 0) << run.err;
-  return Json::parse(run.out);
-}
-
-std::string Data(const std::string& name) { return DataDir() + "/" + name; }
 
 // Model files written by the tool before the diagnostics fields existed (version 1), kept beside
 // this file; data/ is a sibling of tests/.

@@ -14,6 +14,7 @@
 #include <nlohmann/json.hpp>
 
 #include "run_tool.h"
+#include "tool_json.h"
 #include "support/csv.h"  // ReadCsv(name) of data/, DataDir()
 
 extern "C" void dsyev_(const char* jobz, const char* uplo, const int* n, double* a, const int* lda,
@@ -21,16 +22,7 @@ extern "C" void dsyev_(const char* jobz, const char* uplo, const int* n, double*
 
 namespace {
 
-using Json = nlohmann::json;
 using Columns = std::vector<std::vector<double>>;  // column by column
-
-Json RunJson(const std::vector<std::string>& args) {
-  const ToolRun run = RunTool(args);
-  EXPECT_EQ(run.exit_code, 0) << run.err;
-  return Json::parse(run.out);
-}
-
-std::string Data(const std::string& name) { return DataDir() + "/" + name; }
 
 Columns NumericColumns(const CsvTable& t, const std::vector<std::string>& names) {
   Columns out;

@@ -27,11 +27,10 @@
 #include <nlohmann/json.hpp>
 
 #include "run_tool.h"
+#include "tool_json.h"
 #include "support/csv.h"  // ReadCsv(name) of data/, DataDir(), SplitCsvLine
 
 namespace {
-
-std::string Data(const std::string& name) { return DataDir() + "/" + name; }
 
 std::vector<std::string> Lines(const std::string& text) {
   std::vector<std::string> lines;

@@ -1,12 +1,26 @@
 // Admission checks shared by GetDendroGram and GetExactDendroGram.
+#include <mvda/cluster/dendrogram.h>
 #include <mvda/cluster/detail/admission.h>
 #include <mvda/platform/error.h>
 
 #include <cmath>
 #include <string>
+#include <utility>
 #include <vector>
 
+namespace DendroGram {
+
+ClusterRowError::ClusterRowError(const std::string& message, int row, int other_row,
+                                 std::string problem)
+    : NCError(message), row_(row), other_row_(other_row), problem_(std::move(problem)) {}
+
+ClusterRowError::~ClusterRowError() = default;
+
+}  // namespace DendroGram
+
 namespace mvda::detail {
+
+using DendroGram::ClusterRowError;
 
 void CheckClusterShape(const NCDataMatrix<float>& data, const char* caller) {
   const std::string who = caller;
@@ -16,8 +30,11 @@ void CheckClusterShape(const NCDataMatrix<float>& data, const char* caller) {
     const float* x = data[i].begin();
     for (int j = 0; j < data.SizeColumns(); ++j)
       if (!std::isfinite(x[j]))
-        throw NCError(who + ": row " + std::to_string(i) + ", column " + std::to_string(j + 1) +
-                      " holds a value that is not finite");
+        throw ClusterRowError(who + ": row " + std::to_string(i) + ", column " +
+                                  std::to_string(j + 1) + " holds a value that is not finite",
+                              i, 0,
+                              "variable " + std::to_string(j + 1) +
+                                  " holds a value that is not finite (after scaling)");
   }
 }
 
@@ -28,9 +45,12 @@ void CheckCommonColumns(const NCDataMatrix<float>& data) {
   for (int i = 1; i <= rows; ++i) {
     missing[i - 1] = data[i].GetNumMisVal();
     if (missing[i - 1] > 0 && static_cast<double>(missing[i - 1]) / columns > 0.5)
-      throw NCError(
+      throw ClusterRowError(
           "Cluster analysis can not be performed on data that has rows with more than 50% missing "
-          "values");
+          "values",
+          i, 0,
+          std::to_string(missing[i - 1]) + " of its " + std::to_string(columns) +
+              " values are missing; clustering needs at least half of them");
   }
   const int k = static_cast<int>(std::sqrt(static_cast<double>(columns)) + 0.5);
   for (int i = 1; i <= rows; ++i) {
@@ -42,9 +62,13 @@ void CheckCommonColumns(const NCDataMatrix<float>& data) {
       int common = 0;
       for (int c = 0; c < columns; ++c) common += x[c] != kMissing && y[c] != kMissing;
       if (common < k)
-        throw NCError(
+        throw ClusterRowError(
             "Cluster analysis can not be performed on data where two rows have less than\nthe "
-            "square root of the number of columns common non-missing elements.");
+            "square root of the number of columns common non-missing elements.",
+            i, j,
+            "have values in common in only " + std::to_string(common) + " of the " +
+                std::to_string(columns) + " variables; their distance needs at least " +
+                std::to_string(k) + " (the square root of the number of variables)");
     }
   }
 }

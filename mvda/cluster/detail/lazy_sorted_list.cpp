@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <new>
 
 #include <omp.h>
 
@@ -59,6 +60,32 @@ void LazySortedList::Reset(DistanceList list, int team, BinCounts counts) {
   group_first_bin_.clear();
   group_ = cursor_ = sorted_end_ = 0;
   pieces_ = 0;
+}
+
+bool LazySortedList::ReserveWorkspace() {
+  constexpr std::size_t kGroup = std::size_t(1) << 16;  // as in CopyNextPiece
+  const std::size_t bins = std::size_t(1) << bits_;
+  std::size_t piece = PieceLimit(all_.size()), largest_bin = 0, low = 0;
+  const std::size_t chunks = first_counts_.starts.empty() ? 0 : first_counts_.starts.size() - 1;
+  for (std::size_t b = 0; b < bins && chunks > 0; ++b) {
+    std::size_t in_bin = 0;
+    for (std::size_t c = 0; c < chunks; ++c) in_bin += first_counts_.counts[c * bins + b];
+    largest_bin = std::max(largest_bin, in_bin);
+    if (static_cast<int>(b) < first_counts_.low_bins) low += in_bin;
+  }
+  if (chunks == 0) largest_bin = all_.size();  // unknown: one bin may hold the whole list
+  // A piece is at most the limit or one bin; the first one, taken from the copies, all of theirs.
+  piece = std::min(all_.size(), std::max({piece, largest_bin, low}));
+  const std::size_t group = std::min(piece, std::max(kGroup, largest_bin));
+  try {
+    piece_.reserve(piece);
+    scratch_.reserve(group);
+  } catch (const std::bad_alloc&) {
+    DistanceList().swap(piece_);
+    DistanceList().swap(scratch_);
+    return false;
+  }
+  return true;
 }
 
 bool LazySortedList::CopyNextPiece(const std::vector<int>& labels) {

@@ -66,6 +66,10 @@ class MVDA_EXPORT LazySortedList {
   // lowest bins, which spare the first piece its passes; they are used when every entry is still
   // live when that piece is taken (labels[r] == r for every row, as both calculators start).
   void Reset(DistanceList list, int team, BinCounts counts = {});
+  // Reserves the largest piece and sorting space the list can need (known from the counts given to
+  // Reset, else a piece at the limit), so that a list that fits in memory does not run out of it
+  // halfway through the merging. False, holding nothing extra, when the allocator refuses.
+  bool ReserveWorkspace();
   // The next live entry, or null when none is left. Valid until the next call.
   const DistanceAndIndex* Peek(const std::vector<int>& labels);
   // Takes the entry that Peek returned.

@@ -21,6 +21,14 @@ extern "C" void OnInterrupt(int) {
   std::signal(SIGINT, SIG_DFL);
 }
 
+// The library runs OpenBLAS on one thread (its own pieces split the work), but OpenBLAS starts
+// a worker per processor when it loads, and each grabs a large buffer: wasted, and under an
+// address-space limit a worker that cannot get it spins until exit. The variable is read by
+// OpenBLAS's initialiser, so it is set from the pre-initialisers, which run before any library's.
+void OneBlasThread(int, char**, char**) { setenv("OPENBLAS_NUM_THREADS", "1", 0); }
+__attribute__((section(".preinit_array"), used)) void (*const kOneBlasThread)(int, char**, char**) =
+    OneBlasThread;
+
 }  // namespace
 
 int main(int argc, char** argv) {

@@ -89,6 +89,74 @@ inline ToolRun RunTool(std::vector<std::string> args, double timeout_s = 300) {
   return RunProgram(args, timeout_s);
 }
 
+// Runs `args` like RunProgram, sends SIGINT as soon as stderr shows `marker`, and waits at most
+// `wait_s` seconds after that for the exit (exit_code -1 and a SIGKILL otherwise). Signalling on
+// what the tool reports, not after a fixed time, keeps the test independent of the machine's
+// speed.
+inline ToolRun RunProgramUntil(const std::vector<std::string>& args, const std::string& marker,
+                        double wait_s) {
+  int out_pipe[2], err_pipe[2];
+  if (pipe(out_pipe) != 0 || pipe(err_pipe) != 0) return {};
+  const pid_t pid = fork();
+  if (pid == 0) {
+    dup2(out_pipe[1], 1);
+    dup2(err_pipe[1], 2);
+    close(out_pipe[0]);
+    close(err_pipe[0]);
+    std::vector<char*> argv;
+    for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+    argv.push_back(nullptr);
+    execv(argv[0], argv.data());
+    _exit(127);
+  }
+  close(out_pipe[1]);
+  close(err_pipe[1]);
+  ToolRun run;
+  using Clock = std::chrono::steady_clock;
+  const Clock::time_point start = Clock::now();
+  Clock::time_point signalled;
+  bool sent = false, killed = false;
+  pollfd fds[2] = {{out_pipe[0], POLLIN, 0}, {err_pipe[0], POLLIN, 0}};
+  int open_pipes = 2;
+  while (open_pipes > 0) {
+    const Clock::time_point now = Clock::now();
+    if (!sent && run.err.find(marker) != std::string::npos) {
+      kill(pid, SIGINT);
+      sent = true;
+      signalled = now;
+    }
+    // Bounded either way: the marker must come within 10 minutes, the exit within wait_s.
+    if ((sent && std::chrono::duration<double>(now - signalled).count() > wait_s) ||
+        std::chrono::duration<double>(now - start).count() > 600) {
+      kill(pid, SIGKILL);
+      killed = true;
+      break;
+    }
+    if (poll(fds, 2, 20) <= 0) continue;
+    for (pollfd& f : fds) {
+      if (f.fd < 0 || !(f.revents & (POLLIN | POLLHUP))) continue;
+      char buffer[65536];
+      const ssize_t got = read(f.fd, buffer, sizeof buffer);
+      if (got <= 0) {
+        close(f.fd);
+        f.fd = -1;
+        --open_pipes;
+      } else {
+        (&f == &fds[0] ? run.out : run.err).append(buffer, static_cast<std::size_t>(got));
+      }
+    }
+  }
+  for (const pollfd& f : fds) {
+    if (f.fd >= 0) close(f.fd);
+  }
+  int status = 0;
+  waitpid(pid, &status, 0);
+  if (killed || !sent) return run;  // -1: never signalled, or no exit in time
+  if (WIFEXITED(status)) run.exit_code = WEXITSTATUS(status);
+  if (WIFSIGNALED(status)) run.exit_code = 128 + WTERMSIG(status);
+  return run;
+}
+
 // A fresh folder under the system temporary directory, removed with its contents at the end.
 class ScratchDir {
  public:

@@ -20,12 +20,11 @@ struct ToolRun {
   std::string out, err;
 };
 
-// Starts `args` (args[0] the program) with stdout and stderr on pipes; `signal_after` > 0 sends
-// SIGINT that many seconds after the start, as Ctrl-C would.
-inline ToolRun RunProgram(const std::vector<std::string>& args, double timeout_s = 300,
-                          double signal_after = 0, const std::string& cwd = "") {
-  int out_pipe[2], err_pipe[2];
-  if (pipe(out_pipe) != 0 || pipe(err_pipe) != 0) return {};
+// Starts `args` (args[0] the program, run in `cwd` if given) with stdout and stderr on pipes,
+// whose reading ends it returns in out_pipe[0] and err_pipe[0]; -1 if no process was started.
+inline pid_t StartProgram(const std::vector<std::string>& args, const std::string& cwd,
+                          int (&out_pipe)[2], int (&err_pipe)[2]) {
+  if (pipe(out_pipe) != 0 || pipe(err_pipe) != 0) return -1;
   const pid_t pid = fork();
   if (pid == 0) {
     dup2(out_pipe[1], 1);
@@ -41,6 +40,16 @@ inline ToolRun RunProgram(const std::vector<std::string>& args, double timeout_s
   }
   close(out_pipe[1]);
   close(err_pipe[1]);
+  return pid;
+}
+
+// Runs `args` (args[0] the program) with stdout and stderr on pipes; `signal_after` > 0 sends
+// SIGINT that many seconds after the start, as Ctrl-C would.
+inline ToolRun RunProgram(const std::vector<std::string>& args, double timeout_s = 300,
+                          double signal_after = 0, const std::string& cwd = "") {
+  int out_pipe[2], err_pipe[2];
+  const pid_t pid = StartProgram(args, cwd, out_pipe, err_pipe);
+  if (pid < 0) return {};
   ToolRun run;
   const auto start = std::chrono::steady_clock::now();
   bool signalled = false;
@@ -94,23 +103,10 @@ inline ToolRun RunTool(std::vector<std::string> args, double timeout_s = 300) {
 // what the tool reports, not after a fixed time, keeps the test independent of the machine's
 // speed.
 inline ToolRun RunProgramUntil(const std::vector<std::string>& args, const std::string& marker,
-                        double wait_s) {
+                               double wait_s) {
   int out_pipe[2], err_pipe[2];
-  if (pipe(out_pipe) != 0 || pipe(err_pipe) != 0) return {};
-  const pid_t pid = fork();
-  if (pid == 0) {
-    dup2(out_pipe[1], 1);
-    dup2(err_pipe[1], 2);
-    close(out_pipe[0]);
-    close(err_pipe[0]);
-    std::vector<char*> argv;
-    for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
-    execv(argv[0], argv.data());
-    _exit(127);
-  }
-  close(out_pipe[1]);
-  close(err_pipe[1]);
+  const pid_t pid = StartProgram(args, "", out_pipe, err_pipe);
+  if (pid < 0) return {};
   ToolRun run;
   using Clock = std::chrono::steady_clock;
   const Clock::time_point start = Clock::now();

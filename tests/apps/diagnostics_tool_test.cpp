@@ -20,21 +20,9 @@
 
 namespace {
 
-using Columns = std::vector<std::vector<double>>;  // column by column
-
 // Model files written by the tool before the diagnostics fields existed (version 1), kept beside
 // this file; data/ is a sibling of tests/.
 std::string Fixture(const std::string& name) { return DataDir() + "/../tests/apps/data/" + name; }
-
-Columns NumericColumns(const CsvTable& t, const std::vector<std::string>& names) {
-  Columns out;
-  for (const std::string& name : names) {
-    std::vector<double> c;
-    for (std::size_t i = 0; i < t.rows.size(); ++i) c.push_back(t.Number(i, t.Column(name)));
-    out.push_back(c);
-  }
-  return out;
-}
 
 double Dot(const std::vector<double>& a, const std::vector<double>& b) {
   double s = 0;

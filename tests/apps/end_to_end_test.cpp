@@ -22,18 +22,6 @@ extern "C" void dsyev_(const char* jobz, const char* uplo, const int* n, double*
 
 namespace {
 
-using Columns = std::vector<std::vector<double>>;  // column by column
-
-Columns NumericColumns(const CsvTable& t, const std::vector<std::string>& names) {
-  Columns out;
-  for (const std::string& name : names) {
-    std::vector<double> c;
-    for (std::size_t i = 0; i < t.rows.size(); ++i) c.push_back(t.Number(i, t.Column(name)));
-    out.push_back(c);
-  }
-  return out;
-}
-
 // Unit-variance scaling with the n - 1 divisor.
 void Autoscale(std::vector<double>& c) {
   double mean = 0, ss = 0;

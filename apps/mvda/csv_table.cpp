@@ -231,6 +231,8 @@ struct Reader {
   long record_line = 0;   // the line the current record started on
   bool record_blank = true;
   std::vector<float> row;
+  std::vector<std::string> row_text;  // the record's text cells, kept if it is a row
+                                      // rather than a blank line
   std::string row_name;
   // Per column: the sum of squares so far, in double, which must stay within single precision.
   std::vector<double> sum_squares;
@@ -263,6 +265,7 @@ struct Reader {
     if (names_offset == 1) table.names_header = header[0];
     table.text.assign(table.columns.size(), {});
     row.assign(table.columns.size(), kMissing);
+    row_text.assign(table.columns.size(), {});
     sum_squares.assign(table.columns.size(), 0.0);
   }
 
@@ -288,7 +291,7 @@ struct Reader {
     const std::size_t j = static_cast<std::size_t>(c - names_offset);
     if (j >= table.columns.size()) return;  // counted, and refused at the end of the record
     if (table.is_text[j]) {
-      table.text[j].push_back(Printable(Trim(cell)));
+      row_text[j] = Printable(Trim(cell));
       return;
     }
     float value = kMissing;
@@ -352,6 +355,10 @@ struct Reader {
     table.row_lines.push_back(record_line);
     table.values.insert(table.values.end(), row.begin(), row.end());
     std::fill(row.begin(), row.end(), kMissing);
+    for (std::size_t j = 0; j < row_text.size(); ++j) {
+      if (table.is_text[j]) table.text[j].push_back(std::move(row_text[j]));
+      row_text[j].clear();
+    }
     row_name.clear();
   }
 };

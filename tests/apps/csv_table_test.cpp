@@ -83,6 +83,13 @@ TEST(CsvTable, ReadsNamesNumbersAndMissingCells) {
   }
   WriteText(dir / "t.csv", "n,c,v\nA,red,1\nB,blue,2\n");
   EXPECT_EQ(ReadCsv(dir / "t.csv", {"c"}).text[0], (std::vector<std::string>{"red", "blue"}));
+  // A line of white space only (a vertical tab, which the CSV parser keeps as a cell) is no row,
+  // and leaves nothing in a text column that comes first (no names column: the first cell is a
+  // number). Found by the CSV fuzzer.
+  WriteText(dir / "t.csv", "c,v\n3,1\n\v\n4,2\n");
+  const CsvTable blank_lines = ReadCsv(dir / "t.csv", {"c"});
+  EXPECT_EQ(blank_lines.row_names, (std::vector<std::string>{"1", "2"}));
+  EXPECT_EQ(blank_lines.text[0], (std::vector<std::string>{"3", "4"}));
 }
 
 // Each fault names the file, and the line and column of the cell where there is one.
